@@ -6,7 +6,7 @@ include(CMakePackageConfigHelpers)
 set(rastkit_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/rastkit")
 set(rastkit_pc_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
-install(TARGETS qutils EXPORT rastkitTargets FILE_SET HEADERS)
+install(TARGETS qutils rastkit EXPORT rastkitTargets FILE_SET HEADERS)
 install(EXPORT rastkitTargets NAMESPACE rastkit:: DESTINATION "${rastkit_package_dir}")
 
 get_property(rastkit_programs GLOBAL PROPERTY RASTKIT_PROGRAMS)
@@ -70,3 +70,4 @@ function(rastkit_install_pc target description)
 endfunction()
 
 rastkit_install_pc(qutils "Utility library of rastkit")
+rastkit_install_pc(rastkit "${PROJECT_DESCRIPTION}" "qutils = ${PROJECT_VERSION}")

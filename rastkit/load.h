@@ -1,0 +1,45 @@
+#pragma once
+
+#include "rastkit/types.h"
+
+// Reading whole images. All functions may run on several threads at once, each with its own sink.
+//
+// Sinks get pixels with row 0 at the top. A failed load keeps the pixels that were stored before the
+// failure, unless the sink itself threw.
+
+/// Fills `info` (not null) with the description of an image, its pixels unread. The reader is picked by
+/// the name's extension, and by the contents when that reader fails or the extension is unknown.
+/// Errors: IMGERR_OPEN "Failed to open file: no such file"; IMGERR_FORMAT when the contents are none that are
+/// recognised, whatever a reader picked by extension answered before; else the answer of the reader that
+/// the contents name, IMGERR_UNSUPPORTED for one that this build lacks.
+RASTKIT_API ImgError LoadImageHeader(const char* fileName, IMGINFO* info);
+
+/// Loads an image into `buffer`; the reader is picked as in `LoadImageHeader`. `info` may be null.
+/// `psdLayer` and `psdAlpha` go to the Photoshop reader; every other reader ignores them.
+/// Errors: as `LoadImageHeader`, and IMGERR_MEMORY when the sink is not valid after `init`.
+RASTKIT_API ImgError LoadImageFile(
+    const char* fileName, const char* psdLayer, const char* psdAlpha, ImgBuffer& buffer, IMGINFO* info);
+
+/// The same with both Photoshop texts null.
+RASTKIT_API ImgError LoadImageFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// Copies a content hash, stored as "SHA-1=..." in the file's comment, to `out`: at most 39 characters and
+/// a terminator. 1 when there is one; 0 when there is none, when `fileName` or `out` is null, or when
+/// `outSize` is at most 40.
+RASTKIT_API int getImageSHATag(const char* fileName, char* out, int outSize);
+
+/// A wait in milliseconds that falls linearly from 5000 to just above 300 over each second of the clock,
+/// for hosts that retry a texture.
+RASTKIT_API int getTextureWait();
+
+/// Fills width, height, bitsPerPixel, numChannels and bytesPerPixel (not null) from a Targa file's first 18
+/// bytes; nothing else is checked, not even the image type. Sizes of 32768 and above come out negative.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT short header.
+RASTKIT_API ImgError LoadTGAHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes a Targa file into `buffer` as packed pixels; `info` may be null and is filled on success
+/// (for colour-mapped files bitsPerPixel is the size of a colour-map entry).
+/// 15- and 16-bit values are not decoded: they give transparent black.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT short header or an image type other than 1, 2, 3, 9, 10, 11;
+/// IMGERR_MEMORY; IMGERR_READ cut data. Source: Truevision TGA 2.0.
+RASTKIT_API ImgError LoadTGAFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);

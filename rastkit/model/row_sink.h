@@ -1,0 +1,51 @@
+#pragma once
+
+#include "rastkit/buffers.h"
+#include "rastkit/types.h"
+
+#include <memory>
+
+namespace QUtils {
+
+/// The way of a codec's rows to the caller's sink: whole rows where the sink takes them, else pixel by
+/// pixel from left to right. Made once per image; no allocation per row.
+///
+/// A codec either decodes a row it has completely into `beginRow` and ends it with `endRow`, or hands over
+/// any part of a row with `put`. Nothing outside the image is ever stored.
+class RowSink {
+public:
+    explicit RowSink(ImgBuffer& buffer);
+    RowSink(const RowSink&) = delete;
+    RowSink& operator=(const RowSink&) = delete;
+    ~RowSink();
+
+    /// Sizes the sink. IMGERR_MEMORY when it has no storage afterwards.
+    ImgErrorCode init(int width, int height);
+
+    int width() const { return m_width; }
+    int height() const { return m_height; }
+
+    /// Room for the `width` packed pixels of row `y`: the sink's own storage when it offers it, else a row
+    /// of this object's. All of it must be stored, then `endRow` called. Null when `y` is outside the
+    /// image or memory for the row is refused.
+    unsigned int* beginRow(int y);
+    void endRow(int y, const unsigned int* row);
+    /// The same for rows of four floats a pixel.
+    float* beginRowF(int y);
+    void endRowF(int y, const float* row);
+
+    /// Stores `count` pixels from (x, y) on, cut to the image.
+    void put(int x, int y, const unsigned int* argb, int count);
+    void putF(int x, int y, const float* rgba, int count);
+
+private:
+    bool clip(int& x, int y, int& count, int& skipped) const;
+
+    ImgBuffer& m_buffer;
+    ImgRowBuffer* m_rows; // Null when the sink takes single pixels only.
+    std::unique_ptr<unsigned int[]> m_row;
+    std::unique_ptr<float[]> m_rowF;
+    int m_width = 0, m_height = 0;
+};
+
+} // namespace QUtils

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "qutils/plugin/pixel_buffer.h"
+#include "rastkit/types.h"
+
+namespace QUtils {
+
+class RawImageSettingsInterface;
+
+/// Bits of the `flags` that travel from the image writer to every file writer.
+enum SaveFlags {
+    SAVE_SKIP_ALPHA_CHANNELS = 0x2, ///< Writing every channel: leave out the channels 2 and 125.
+    SAVE_ADD_FRAME_NUMBER = 0x4,
+    SAVE_NO_ALPHA_PAIRING = 0x8, ///< Do not pair an alpha channel with the others.
+    SAVE_SKIP_COLOR_126 = 0x20, ///< Writing every channel: leave out the channels 126.
+    SAVE_EXR_INTEGER = 0x40, ///< OpenEXR: an integer channel becomes one UINT channel.
+    SAVE_EXR_CORRECTED = 0x80, ///< OpenEXR: take colour-corrected pixels where the frame offers them.
+    SAVE_EXR_MULTI_CHANNEL = 0x100, ///< OpenEXR: all channels in one file.
+    SAVE_CORRECTION_MODE_0 = 0x200, ///< Others: ask for corrected pixels with mode 0 instead of 3.
+};
+
+} // namespace QUtils
+
+// Writing images. The functions write in place: a failed one leaves a partial file behind.
+//
+// Packed pixels are width x height values 0xAARRGGBB, float pixels width x height x 4 values R, G, B, A,
+// both row after row from the top.
+
+/// Writes packed pixels in the format of the name's extension.
+/// Errors: IMGERR_UNSUPPORTED unknown extension, or a format that takes no packed pixels; else the
+/// writer's own.
+RASTKIT_API ImgError SaveImageFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// Writes float pixels: as they are to .exr and .hdr, converted by `CreateUInt32FromFloat` to all others.
+/// Errors: as for packed pixels, and IMGERR_MEMORY.
+RASTKIT_API ImgError SaveImageFile(const char* fileName, IMGINFO* info, float* pixels);
+
+/// Writes the channel at position `channel` of a frame; a negative `alphaChannel` means no alpha.
+/// `formatIndex` is a row of the format list, or -1 for the name's own.
+/// Errors: IMGERR_UNSUPPORTED; else the writer's own.
+RASTKIT_API ImgError SaveImageFile(const char* fileName, QUtils::PixelBufferInterface& buffer, int channel,
+    int alphaChannel, int formatIndex, int flags);
+
+/// The same with no flags.
+RASTKIT_API ImgError SaveImageFile(const char* fileName, QUtils::PixelBufferInterface& buffer, int channel,
+    int alphaChannel, int formatIndex);
+
+/// Writes every channel of a frame to a file of its own, named by `SaveImageFile_getFilename`; folders are
+/// made where names ask for them. A channel that fails does not stop the others.
+/// Errors: IMGERR_WRITE when any channel failed.
+RASTKIT_API ImgError SaveImageFile_allChannels(const char* fileName, QUtils::PixelBufferInterface& buffer,
+    int formatIndex, int frame, char divider, int numDigits, bool separateFolder, int flags,
+    bool nameColorChannel);
+
+/// Writes all raw channels to one quimg or OpenEXR file; everything comes from `settings`, and `buffer`
+/// is not used.
+/// Errors: IMGERR_UNSUPPORTED; else the raw-output writer's own.
+RASTKIT_API ImgError SaveImageFile_multiChannel(const char* fileName,
+    QUtils::RawImageSettingsInterface* settings, QUtils::PixelBufferInterface* buffer, bool addFrameNumber,
+    int frame, int numDigits);
+
+/// Copies `fileName` to `out` (at most `outSize` bytes), with the frame number if asked for.
+RASTKIT_API void SaveImageFile_getFilename(
+    const char* fileName, bool addFrameNumber, int frame, int numDigits, char* out, int outSize);
+
+/// Builds the name of one channel's file: the divider and the channel's name before the extension (not for
+/// the colour channels 1 and 126, unless `separateFolder` and `nameColorChannel` ask for "rgba"), a folder
+/// named after the channel, a frame number. Returns 1 when the name may hold a folder that the caller must
+/// make, else 0.
+RASTKIT_API int SaveImageFile_getFilename(const char* fileName, const QUtils::PixelBufferChannelInfo& channel,
+    char divider, bool addFrameNumber, int frame, int numDigits, char* out, int outSize, bool separateFolder,
+    bool nameColorChannel);
+
+/// Turns float pixels into packed ones: v x 255, clamped to 0..255 (NaN is 0) and truncated.
+/// `out` becomes a copy of `in` with 32 bits, 4 channels and 4 bytes a pixel. The caller releases the
+/// array with `free`. Null, with `out` untouched, when memory is refused or a size is negative.
+RASTKIT_API unsigned int* CreateUInt32FromFloat(IMGINFO in, float* pixels, IMGINFO& out);
+
+/// Writes an uncompressed Targa file: `pixels` goes out as it lies in memory, `info->bytesPerPixel` bytes a
+/// pixel (3: packed blue, green, red; 4: packed 0xAARRGGBB words). `info` is not null. The format keeps 16
+/// bits of each size: larger ones lose the others, without an error.
+/// Errors: IMGERR_OPEN; IMGERR_WRITE. Source: Truevision TGA 2.0, image type 2.
+RASTKIT_API ImgError SaveTGAFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// Writes nothing: Targa takes no float pixels.
+/// Errors: IMGERR_UNSUPPORTED, always.
+RASTKIT_API ImgError SaveTGAFile(const char* fileName, IMGINFO* info, float* pixels);
+
+/// Writes one channel of a frame as a Targa file of 24 bits, or 32 with alpha; uncompressed or run-length
+/// encoded as `TgaSettingsInterface::setTgaCompression` says (2 or 10; any other value writes the header
+/// alone).
+/// Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE.
+RASTKIT_API ImgError SaveTGAFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);
