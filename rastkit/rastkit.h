@@ -15,6 +15,8 @@
 #include "qutils/plugin/plugin.h"
 #include "qutils/raw/records.h"
 #include "rastkit/buffers.h"
+#include "rastkit/codecs/binary_io.h"
+#include "rastkit/codecs/tga.h"
 #include "rastkit/formats.h"
 #include "rastkit/load.h"
 #include "rastkit/save.h"
