@@ -1,0 +1,212 @@
+#include "rastkit/model/load_dispatch.h"
+
+#include "rastkit/buffers.h"
+#include "rastkit/load.h"
+
+#include "support/recording_buffer.h"
+#include "support/temp_file.h"
+#include "support/tga_bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+
+namespace {
+
+using namespace testing_support;
+
+Bytes makeRedTga()
+{
+    TgaBytes tga;
+    tga.pixels = { 0, 0, 255 };
+    return tga.bytes();
+}
+
+const Bytes redTga = makeRedTga();
+constexpr unsigned int red = 0xFFFF0000u;
+
+IMGINFO staleInfo()
+{
+    IMGINFO info {};
+    info.width = info.displayWindowHeight = 77;
+    return info;
+}
+
+bool isClear(const IMGINFO& info)
+{
+    const IMGINFO clear {};
+    return std::memcmp(&info, &clear, sizeof info) == 0;
+}
+
+class LoadDispatch : public testing::Test {
+protected:
+    std::string make(const char* name, const Bytes& bytes)
+    {
+        writeFile(m_dir / name, bytes);
+        return m_dir / name;
+    }
+
+    TempDir m_dir;
+    RecordingBuffer m_buffer;
+    IMGINFO m_info = staleInfo();
+};
+
+TEST_F(LoadDispatch, ExtensionPicksTheReaderWhateverItsCase)
+{
+    const std::string name = make("a.TgA", redTga);
+    EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, &m_info).code(), IMGERR_NONE);
+    EXPECT_EQ(m_buffer.at(0, 0), red);
+    EXPECT_EQ(m_info.width, 1);
+    EXPECT_EQ(m_info.displayWindowHeight, 0);
+    IMGINFO header = staleInfo();
+    EXPECT_EQ(LoadImageHeader(name.c_str(), &header).code(), IMGERR_NONE);
+    EXPECT_EQ(header.bitsPerPixel, 24);
+    EXPECT_EQ(header.displayWindowHeight, 0);
+}
+
+TEST_F(LoadDispatch, ContentsPickTheReaderOfAnUnknownExtension)
+{
+    const std::string name = make("a.xyz", redTga);
+    EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, nullptr).code(), IMGERR_NONE);
+    EXPECT_EQ(m_buffer.at(0, 0), red);
+}
+
+TEST_F(LoadDispatch, ContentsPickTheReaderWhenTheExtensionLies)
+{
+    const std::string name = make("a.tif", redTga);
+    EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, &m_info).code(), IMGERR_NONE);
+    EXPECT_EQ(m_buffer.at(0, 0), red);
+    EXPECT_EQ(LoadImageHeader(name.c_str(), &m_info).code(), IMGERR_NONE);
+}
+
+TEST_F(LoadDispatch, FileThatIsOnlyAnExtensionGoesByItsContents)
+{
+    const std::string name = make(".tga", redTga);
+    EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, nullptr).code(), IMGERR_NONE);
+}
+
+TEST_F(LoadDispatch, GarbageIsAFormatErrorInsteadOfTheReadersOwn)
+{
+    const std::string name = make("a.tga", Bytes(40, 0xEE));
+    const ImgError error = LoadImageFile(name.c_str(), m_buffer, &m_info);
+    EXPECT_EQ(error.code(), IMGERR_FORMAT);
+    EXPECT_STREQ(error.message(), "");
+    EXPECT_TRUE(isClear(m_info));
+    EXPECT_EQ(m_buffer.initCalls, 0);
+}
+
+TEST_F(LoadDispatch, ReaderThatContentsConfirmIsNotRunTwice)
+{
+    Bytes cut = redTga;
+    cut.pop_back();
+    const std::string name = make("a.tga", cut);
+    EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, &m_info).code(), IMGERR_READ);
+    EXPECT_EQ(m_buffer.initCalls, 1);
+    EXPECT_TRUE(isClear(m_info));
+}
+
+TEST_F(LoadDispatch, SecondReadersResultCountsWhateverItIs)
+{
+    Bytes cut = redTga;
+    cut.pop_back();
+    const std::string name = make("a.png", cut);
+    EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, nullptr).code(), IMGERR_READ);
+}
+
+TEST_F(LoadDispatch, MissingFileNamesTheFunction)
+{
+    const std::string name = m_dir / "missing.tga";
+    const ImgError file = LoadImageFile(name.c_str(), m_buffer, &m_info);
+    EXPECT_EQ(file.code(), IMGERR_OPEN);
+    EXPECT_STREQ(file.function(), "LoadImageFile");
+    EXPECT_STREQ(file.message(), "Failed to open file: no such file");
+    EXPECT_TRUE(isClear(m_info));
+
+    m_info = staleInfo();
+    const ImgError header = LoadImageHeader(name.c_str(), &m_info);
+    EXPECT_EQ(header.code(), IMGERR_OPEN);
+    EXPECT_STREQ(header.function(), "LoadImageHeader");
+    EXPECT_STREQ(header.message(), "Failed to open file: no such file");
+    EXPECT_TRUE(isClear(m_info));
+    EXPECT_EQ(LoadImageFile(nullptr, m_buffer, nullptr).code(), IMGERR_OPEN);
+}
+
+TEST_F(LoadDispatch, FormatThatTheBuildLacksIsUnsupported)
+{
+    const std::string name = make("a.dat", { 'D', 'D', 'S', ' ' });
+    EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, nullptr).code(), IMGERR_FORMAT);
+
+    const std::string bmp = make("a.bmp", { 'B', 'M', 0, 0 });
+    EXPECT_EQ(LoadImageFile(bmp.c_str(), m_buffer, nullptr).code(), IMGERR_UNSUPPORTED);
+    EXPECT_EQ(LoadImageHeader(bmp.c_str(), &m_info).code(), IMGERR_UNSUPPORTED);
+    const std::string psd = make(
+        "a.psd", { '8', 'B', 'P', 'S', 0, 1, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 1, 0, 8, 0, 3 });
+    EXPECT_EQ(LoadImageFile(psd.c_str(), "Layer", "Alpha", m_buffer, nullptr).code(), IMGERR_UNSUPPORTED);
+    EXPECT_EQ(LoadImageHeader(psd.c_str(), &m_info).code(), IMGERR_UNSUPPORTED);
+}
+
+TEST_F(LoadDispatch, FolderIsNoImage)
+{
+    const std::string name = m_dir.path().string();
+    EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, nullptr).code(), IMGERR_FORMAT);
+}
+
+TEST_F(LoadDispatch, SinkThatTakesRowsButHasNoPackedStorageGetsThemToo)
+{
+    const std::string name = make("a.tga", redTga);
+    QUtils::ImageF image;
+    ASSERT_EQ(LoadImageFile(name.c_str(), image, nullptr).code(), IMGERR_NONE);
+    EXPECT_EQ(std::vector<float>(image.row(0), image.row(0) + 4), (std::vector<float> { 1, 0, 0, 1 }));
+}
+
+TEST_F(LoadDispatch, ManyThreadsLoadAtOnce)
+{
+    const std::string name = make("a.tga", redTga);
+    std::vector<std::thread> threads;
+    std::vector<int> good(4, 0);
+    for (int& count : good) {
+        threads.emplace_back([&count, &name] {
+            for (int i = 0; i < 50; ++i) {
+                RecordingBuffer buffer;
+                count += LoadImageFile(name.c_str(), buffer, nullptr).code() == IMGERR_NONE
+                    && buffer.at(0, 0) == red;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(good, std::vector<int>(4, 50));
+}
+
+TEST_F(LoadDispatch, ContentTagNeedsAFileAndAReader)
+{
+    char out[64];
+    const std::string name = make("a.tga", redTga);
+    EXPECT_EQ(getImageSHATag(name.c_str(), out, 64), 0);
+    EXPECT_EQ(getImageSHATag(make("a.xyz", redTga).c_str(), out, 64), 0);
+    EXPECT_EQ(getImageSHATag(make("a.txt", { 'x' }).c_str(), out, 64), 0);
+    EXPECT_EQ(getImageSHATag(nullptr, out, 64), 0);
+    EXPECT_EQ(getImageSHATag(name.c_str(), nullptr, 64), 0);
+    EXPECT_EQ(getImageSHATag("/no/such/file.exr", out, 64), 0);
+}
+
+TEST(TextureWait, FallsLinearlyOverEachSecond)
+{
+    EXPECT_EQ(QUtils::textureWaitAt(0), 5000);
+    EXPECT_EQ(QUtils::textureWaitAt(500), 2650);
+    EXPECT_EQ(QUtils::textureWaitAt(999), 304);
+    EXPECT_EQ(QUtils::textureWaitAt(1000), 5000);
+    EXPECT_EQ(QUtils::textureWaitAt(4294967295u), (705 * 5000 + 295 * 300) / 1000);
+}
+
+TEST(TextureWait, LiesBetweenThreeHundredAndFiveThousand)
+{
+    for (int i = 0; i < 100; ++i) {
+        const int wait = getTextureWait();
+        EXPECT_GT(wait, 300);
+        EXPECT_LE(wait, 5000);
+    }
+}
+
+} // namespace
