@@ -21,3 +21,4 @@
 #include "rastkit/load.h"
 #include "rastkit/save.h"
 #include "rastkit/types.h"
+#include "rastkit/writer.h"
