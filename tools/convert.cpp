@@ -1,0 +1,114 @@
+#include "tools/commands.h"
+#include "tools/input.h"
+#include "tools/interrupt.h"
+#include "tools/messages.h"
+
+#include "rastkit/image/atomic_file.h"
+#include "rastkit/image/format_support.h"
+#include "rastkit/image/standard_load.h"
+#include "rastkit/image/standard_save.h"
+
+#include <cerrno>
+#include <memory>
+
+namespace tool {
+
+namespace {
+
+using QUtils::AtomicFile;
+
+constexpr const char* cannotRead = "cannot be read";
+constexpr const char* cannotWrite = "cannot be written";
+
+struct Arguments {
+    std::string in, out;
+    bool sync = false;
+};
+
+/// The index of the format that the name's extension asks for; -1, with a message, when there is none to
+/// be written.
+int chooseFormat(const std::string& name)
+{
+    const auto formats = QUtils::listFormats();
+    const QUtils::FormatSupport* const format = QUtils::findFormat(formats, name.c_str());
+    if (!format)
+        reportFailure(name, cannotWrite, "its extension names no known format (see `rastkit formats`)");
+    else if (!format->writes)
+        reportFailure(
+            name, cannotWrite, "this build does not write the format " + format->extensions.front());
+    return format && format->writes ? format->formatIndex : -1;
+}
+
+bool load(const std::string& name, QUtils::Image8& image)
+{
+    const InputFile file = examineInput(name);
+    if (!file.obstacle.empty()) {
+        reportFailure(name, cannotRead, file.obstacle);
+        return false;
+    }
+    const ImgError error = QUtils::loadStandard(name.c_str(), image, nullptr);
+    if (error.code() != IMGERR_NONE)
+        reportFailure(name, cannotRead, inWords(error));
+    return error.code() == IMGERR_NONE;
+}
+
+/// The reason of a failed write; `number` is the errno that it left, 0 if none.
+std::string writeReason(const ImgError& error, int number)
+{
+    const bool isSystems = error.code() == IMGERR_OPEN || error.code() == IMGERR_WRITE;
+    return isSystems && number != 0 ? systemWords(number) : inWords(error);
+}
+
+/// Why the image was not written; empty when it was.
+std::string write(const Arguments& arguments, int formatIndex, const QUtils::Image8& image)
+{
+    RemoveOnSignal onSignal;
+    AtomicFile file;
+    {
+        // No signal may come between the making of the file and its being watched.
+        const SignalBlock block;
+        if (const std::error_code error = file.begin(arguments.out.c_str()))
+            return error.message();
+        if (file.isTemporary())
+            onSignal.watch(file.name());
+    }
+    errno = 0;
+    const ImgError error = QUtils::saveStandard(file.name().c_str(), formatIndex, image);
+    const int number = errno;
+    if (error.code() != IMGERR_NONE)
+        return writeReason(error, number);
+    const std::error_code failed = file.commit(arguments.sync ? AtomicFile::Sync::Yes : AtomicFile::Sync::No);
+    return failed ? failed.message() : std::string();
+}
+
+int convert(const Arguments& arguments)
+{
+    const int formatIndex = chooseFormat(arguments.out);
+    if (formatIndex < 0)
+        return EXIT_USAGE;
+    QUtils::Image8 image;
+    if (!load(arguments.in, image))
+        return EXIT_FILE;
+    const std::string obstacle = write(arguments, formatIndex, image);
+    if (!obstacle.empty())
+        reportFailure(arguments.out, cannotWrite, obstacle);
+    return obstacle.empty() ? EXIT_DONE : EXIT_FILE;
+}
+
+} // namespace
+
+Action addConvert(CLI::App& command)
+{
+    const auto arguments = std::make_shared<Arguments>();
+    command.add_option("IN", arguments->in, "the image to read, of any format that this build reads")
+        ->required();
+    command
+        .add_option("OUT", arguments->out,
+            "the file to write, in the format of its extension; it keeps its old contents until the new ones "
+            "are complete")
+        ->required();
+    command.add_flag("--sync", arguments->sync, "wait until the file is safe from a power cut");
+    return [arguments] { return convert(*arguments); };
+}
+
+} // namespace tool
