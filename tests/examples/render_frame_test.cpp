@@ -1,0 +1,155 @@
+#include "rastkit/buffers.h"
+#include "rastkit/load.h"
+
+#include "support/temp_file.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <set>
+
+namespace {
+
+using namespace testing_support;
+namespace fs = std::filesystem;
+
+constexpr int width = 64, height = 36;
+
+/// Runs the program into `folder`; everything that it prints goes to `folder`.txt.
+int renderInto(const std::string& folder)
+{
+    const std::string command = "'" RENDER_FRAME_PROGRAM "' --width " + std::to_string(width) + " --height "
+        + std::to_string(height) + " --frame 7 '" + folder + "' > '" + folder + ".txt' 2>&1";
+    return std::system(command.c_str());
+}
+
+std::set<std::string> filesIn(const std::string& folder)
+{
+    std::set<std::string> names;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file())
+            names.insert(fs::relative(entry.path(), folder).string());
+    }
+    return names;
+}
+
+class RenderFrame : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        s_dir = std::make_unique<TempDir>();
+        ASSERT_EQ(renderInto(*s_dir / "a"), 0) << output();
+    }
+    static void TearDownTestSuite() { s_dir.reset(); }
+
+    static std::string output()
+    {
+        const Bytes bytes = readFile(*s_dir / "a.txt");
+        return std::string(bytes.begin(), bytes.end());
+    }
+    /// Pixels of one of the Targa files.
+    static QUtils::Image8 load(const std::string& name)
+    {
+        QUtils::Image8 image;
+        EXPECT_EQ(LoadTGAFile((*s_dir / ("a/" + name)).c_str(), image, nullptr).code(), IMGERR_NONE) << name;
+        EXPECT_EQ(image.width(), width) << name;
+        EXPECT_EQ(image.height(), height) << name;
+        return image;
+    }
+    /// Calls `look` for every pixel, left to right and top to bottom.
+    template <class Look> static void forEachPixel(const QUtils::Image8& image, Look look)
+    {
+        for (int y = 0; y < image.height(); ++y) {
+            for (int x = 0; x < image.width(); ++x)
+                look(image.pixel(x, y));
+        }
+    }
+    static std::set<unsigned int> valuesIn(const QUtils::Image8& image, unsigned int mask)
+    {
+        std::set<unsigned int> values;
+        forEachPixel(image, [&](unsigned int pixel) { values.insert(pixel & mask); });
+        return values;
+    }
+
+    static inline std::unique_ptr<TempDir> s_dir;
+};
+
+TEST_F(RenderFrame, EachChannelOfATargaFrameIsAFileInItsOwnFolder)
+{
+    std::set<std::string> expected { "frame.0007.tga" };
+    for (const fs::path channel : { "alpha", "depth", "normals", "diffuse", "reflection", "object" })
+        expected.insert(channel / ("frame_" + channel.string() + ".0007.tga"));
+    std::set<std::string> written;
+    for (const std::string& name : filesIn(*s_dir / "a")) {
+        if (fs::path(name).extension() == ".tga")
+            written.insert(name);
+    }
+    EXPECT_EQ(written, expected);
+}
+
+TEST_F(RenderFrame, PrintsExactlyTheFilesThatItWrote)
+{
+    const std::string prefix = *s_dir / "a/", text = output();
+    std::set<std::string> printed;
+    for (std::size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
+        const std::string line = text.substr(begin, end - begin);
+        if (line.compare(0, prefix.size(), prefix) == 0)
+            printed.insert(line.substr(prefix.size()));
+    }
+    EXPECT_EQ(printed, filesIn(*s_dir / "a"));
+}
+
+TEST_F(RenderFrame, SaysWhichFormatsThisBuildLacks)
+{
+    // Photoshop files are never written.
+    EXPECT_NE(output().find("Photoshop (*.psd): not in this build\n"), std::string::npos) << output();
+    EXPECT_EQ(output().find("Targa image file (*.tga):"), std::string::npos) << output();
+}
+
+TEST_F(RenderFrame, WritesTheSameBytesOnEveryRun)
+{
+    ASSERT_EQ(renderInto(*s_dir / "b"), 0);
+    ASSERT_EQ(filesIn(*s_dir / "a"), filesIn(*s_dir / "b"));
+    for (const std::string& name : filesIn(*s_dir / "a"))
+        EXPECT_EQ(readFile(*s_dir / ("a/" + name)), readFile(*s_dir / ("b/" + name))) << name;
+}
+
+TEST_F(RenderFrame, RendersTheSamePixelsOnEveryMachineAndWithEveryCompiler)
+{
+    std::uint32_t hash = 2166136261u; // FNV-1a over whole pixels.
+    forEachPixel(load("frame.0007.tga"), [&](unsigned int pixel) { hash = (hash ^ pixel) * 16777619u; });
+    EXPECT_EQ(hash, 3785938925u) << "If the scene was changed on purpose, put the new number here.";
+}
+
+TEST_F(RenderFrame, BeautyIsAColourfulPictureWithASkyThatAlphaLeavesOut)
+{
+    const QUtils::Image8 beauty = load("frame.0007.tga");
+    EXPECT_GT(valuesIn(beauty, 0x00FFFFFFu).size(), 1000u);
+    EXPECT_EQ(beauty.pixel(0, 0) >> 24, 0u);
+    EXPECT_NE(beauty.pixel(0, 0) & 0x00FFFFFFu, 0u) << "Straight alpha keeps the colour of the sky.";
+    EXPECT_EQ(beauty.pixel(width / 2, height - 1) >> 24, 255u);
+}
+
+TEST_F(RenderFrame, ObjectNumbersAreWholeAndNeverBlended)
+{
+    std::set<unsigned int> expected;
+    for (unsigned int object = 0; object <= 10; ++object)
+        expected.insert(object * 25);
+    EXPECT_EQ(valuesIn(load("object/frame_object.0007.tga"), 0xFFu), expected);
+}
+
+TEST_F(RenderFrame, NormalsOfTheFloorPointUp)
+{
+    EXPECT_EQ(load("normals/frame_normals.0007.tga").pixel(0, height - 1) & 0x00FFFFFFu, 0x0080FF80u);
+}
+
+TEST_F(RenderFrame, DepthIsWhiteNearAndBlackInTheSky)
+{
+    const QUtils::Image8 depth = load("depth/frame_depth.0007.tga");
+    EXPECT_EQ(depth.pixel(0, 0) & 0xFFu, 0u);
+    EXPECT_GT(depth.pixel(0, height - 1) & 0xFFu, depth.pixel(0, height / 2) & 0xFFu);
+    EXPECT_LT(depth.pixel(0, height - 1) & 0xFFu, 255u) << "Nothing is nearer than what is shown as white.";
+}
+
+} // namespace
