@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/stat.h>
 
 namespace {
@@ -228,6 +229,28 @@ TEST_F(AtomicFileTest, TargetsThatCannotBeWrittenFailAtOnceWithTheSystemsReason)
         std::_Exit(255);
     AtomicFile file;
     std::_Exit(file.begin(target.c_str()).value());
+}
+
+/// Ends with 0 when the new file has exactly those permissions, made by a user who is not the old one's.
+[[noreturn]] void exitWithComparedMode(const std::string& target, mode_t expected)
+{
+    if (setgroups(0, nullptr) != 0 || setresgid(nobody, nobody, nobody) != 0
+        || setresuid(nobody, nobody, nobody) != 0)
+        std::_Exit(255);
+    AtomicFile file;
+    if (file.begin(target.c_str()))
+        std::_Exit(254);
+    std::_Exit(modeOf(file.name()) == expected ? 0 : 1);
+}
+
+TEST_F(AtomicFileTest, GroupThatCannotBeKeptLeavesNothingToAnotherGroup)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be somebody else";
+    fs::permissions(m_dir.path(), fs::perms(0777));
+    writeFile(m_target, oldBytes);
+    ASSERT_EQ(chmod(m_target.c_str(), 0666), 0);
+    EXPECT_EXIT(exitWithComparedMode(m_target, 0606), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(AtomicFileTest, FolderThatIsNotWritableFails)
