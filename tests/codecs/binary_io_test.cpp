@@ -2,6 +2,7 @@
 
 #include "rastkit/codecs/byte_order.h"
 #include "rastkit/types.h"
+#include "support/stream_test.h"
 #include "support/temp_file.h"
 
 #include <gtest/gtest.h>
@@ -12,20 +13,7 @@ namespace {
 
 using namespace testing_support;
 
-/// A stream over a file of those bytes, for reading.
-class BinaryRead : public testing::Test {
-protected:
-    std::FILE* over(const Bytes& bytes)
-    {
-        writeFile(m_folder / "in", bytes);
-        m_file = FilePtr(std::fopen((m_folder / "in").c_str(), "rb"));
-        return m_file;
-    }
-
-private:
-    TempDir m_folder;
-    FilePtr m_file;
-};
+class BinaryRead : public StreamTest { };
 
 TEST_F(BinaryRead, BytesComeWithoutASign)
 {

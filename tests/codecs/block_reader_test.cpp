@@ -1,6 +1,7 @@
 #include "rastkit/codecs/block_reader.h"
 
 #include "qutils/core/file_ptr.h"
+#include "support/stream_test.h"
 #include "support/temp_file.h"
 
 #include <gtest/gtest.h>
@@ -27,19 +28,7 @@ Bytes pattern(std::size_t size)
     return bytes;
 }
 
-class BlockRead : public testing::Test {
-protected:
-    std::FILE* over(const Bytes& bytes)
-    {
-        writeFile(m_folder / "in", bytes);
-        m_file = FilePtr(std::fopen((m_folder / "in").c_str(), "rb"));
-        return m_file;
-    }
-
-private:
-    TempDir m_folder;
-    FilePtr m_file;
-};
+class BlockRead : public StreamTest { };
 
 /// Everything that is left, taken in runs of `run` bytes.
 Bytes takeAll(BlockReader& in, std::size_t run)
