@@ -160,6 +160,56 @@ void floatToUInt16(const float* samples, std::uint16_t* numbers, std::size_t cou
         numbers[i] = std::uint16_t(roundedNumber(samples[i], 65535.0f));
 }
 
+void scaledByteToFloat(const std::uint8_t* bytes, float scale, float* samples, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        samples[i] = float(bytes[i]) * scale;
+}
+
+void uint16ToFloat(const std::uint16_t* numbers, float scale, float* samples, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        samples[i] = float(numbers[i]) * scale;
+}
+
+void bigUint16ToFloat(const std::uint8_t* numbers, float scale, float* samples, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i, numbers += 2)
+        samples[i] = float(numbers[0] << 8 | numbers[1]) * scale;
+}
+
+void greyToRgba(const float* grey, float* rgba, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i, rgba += 4) {
+        rgba[0] = rgba[1] = rgba[2] = grey[i];
+        rgba[3] = 1.0f;
+    }
+}
+
+void greyAlphaToRgba(const float* greyAlpha, float* rgba, std::size_t count)
+{
+    for (; count > 0; --count, greyAlpha += 2, rgba += 4) {
+        rgba[0] = rgba[1] = rgba[2] = greyAlpha[0];
+        rgba[3] = greyAlpha[1];
+    }
+}
+
+void rgbToRgba(const float* rgb, float* rgba, std::size_t count)
+{
+    for (; count > 0; --count, rgb += 3, rgba += 4) {
+        rgba[0] = rgb[0];
+        rgba[1] = rgb[1];
+        rgba[2] = rgb[2];
+        rgba[3] = 1.0f;
+    }
+}
+
+void swapBytes16(const std::uint16_t* numbers, std::uint16_t* swapped, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        swapped[i] = std::uint16_t(numbers[i] << 8 | numbers[i] >> 8);
+}
+
 void arrange(
     const PixelArrangement& arrangement, const std::uint8_t* source, std::uint8_t* result, std::size_t count)
 {
@@ -174,7 +224,8 @@ void arrange(
 }
 
 constexpr PixelKernels kernels { packTruncated, packRounded, unpackToFloat, bgr24ToPacked, packedToBgr24,
-    greyToPacked, halfToFloat, floatToHalf, byteToFloat, floatToByte, floatToUInt16, arrange };
+    greyToPacked, halfToFloat, floatToHalf, byteToFloat, floatToByte, floatToUInt16, scaledByteToFloat,
+    uint16ToFloat, bigUint16ToFloat, greyToRgba, greyAlphaToRgba, rgbToRgba, swapBytes16, arrange };
 
 } // namespace scalar
 
@@ -315,6 +366,96 @@ TARGET_SSE41 void floatToUInt16(const float* samples, std::uint16_t* numbers, st
     scalar::floatToUInt16(samples, numbers, count);
 }
 
+TARGET_SSE41 inline void storeProducts(float* to, __m128i numbers, __m128 scale)
+{
+    _mm_storeu_ps(to, _mm_mul_ps(_mm_cvtepi32_ps(numbers), scale));
+}
+
+TARGET_SSE41 void scaledByteToFloat(const std::uint8_t* bytes, float scale, float* samples, std::size_t count)
+{
+    const __m128 scales = _mm_set1_ps(scale);
+    for (; count >= 16; count -= 16, bytes += 16, samples += 16) {
+        __m128i sixteen = load(bytes);
+        for (int i = 0; i < 16; i += 4, sixteen = _mm_srli_si128(sixteen, 4))
+            storeProducts(samples + i, _mm_cvtepu8_epi32(sixteen), scales);
+    }
+    scalar::scaledByteToFloat(bytes, scale, samples, count);
+}
+
+TARGET_SSE41 void uint16ToFloat(const std::uint16_t* numbers, float scale, float* samples, std::size_t count)
+{
+    const __m128 scales = _mm_set1_ps(scale);
+    for (; count >= 8; count -= 8, numbers += 8, samples += 8) {
+        const __m128i eight = load(numbers);
+        storeProducts(samples, _mm_cvtepu16_epi32(eight), scales);
+        storeProducts(samples + 4, _mm_cvtepu16_epi32(_mm_srli_si128(eight, 8)), scales);
+    }
+    scalar::uint16ToFloat(numbers, scale, samples, count);
+}
+
+TARGET_SSE41 void bigUint16ToFloat(
+    const std::uint8_t* numbers, float scale, float* samples, std::size_t count)
+{
+    // Each picks four numbers, puts their bytes in order and widens them.
+    const __m128i first = _mm_setr_epi8(1, 0, -1, -1, 3, 2, -1, -1, 5, 4, -1, -1, 7, 6, -1, -1);
+    const __m128i second = _mm_setr_epi8(9, 8, -1, -1, 11, 10, -1, -1, 13, 12, -1, -1, 15, 14, -1, -1);
+    const __m128 scales = _mm_set1_ps(scale);
+    for (; count >= 8; count -= 8, numbers += 16, samples += 8) {
+        const __m128i eight = load(numbers);
+        storeProducts(samples, _mm_shuffle_epi8(eight, first), scales);
+        storeProducts(samples + 4, _mm_shuffle_epi8(eight, second), scales);
+    }
+    scalar::bigUint16ToFloat(numbers, scale, samples, count);
+}
+
+/// The fourth float becomes 1.
+TARGET_SSE41 inline void storeOpaque(float* to, __m128 rgb)
+{
+    _mm_storeu_ps(to, _mm_blend_ps(rgb, _mm_set1_ps(1.0f), 8));
+}
+
+TARGET_SSE41 void greyToRgba(const float* grey, float* rgba, std::size_t count)
+{
+    for (; count >= 4; count -= 4, grey += 4, rgba += 16) {
+        const __m128 four = _mm_loadu_ps(grey);
+        storeOpaque(rgba, _mm_shuffle_ps(four, four, 0x00));
+        storeOpaque(rgba + 4, _mm_shuffle_ps(four, four, 0x55));
+        storeOpaque(rgba + 8, _mm_shuffle_ps(four, four, 0xAA));
+        storeOpaque(rgba + 12, _mm_shuffle_ps(four, four, 0xFF));
+    }
+    scalar::greyToRgba(grey, rgba, count);
+}
+
+TARGET_SSE41 void greyAlphaToRgba(const float* greyAlpha, float* rgba, std::size_t count)
+{
+    for (; count >= 2; count -= 2, greyAlpha += 4, rgba += 8) {
+        const __m128 two = _mm_loadu_ps(greyAlpha);
+        _mm_storeu_ps(rgba, _mm_shuffle_ps(two, two, _MM_SHUFFLE(1, 0, 0, 0)));
+        _mm_storeu_ps(rgba + 4, _mm_shuffle_ps(two, two, _MM_SHUFFLE(3, 2, 2, 2)));
+    }
+    scalar::greyAlphaToRgba(greyAlpha, rgba, count);
+}
+
+TARGET_SSE41 void rgbToRgba(const float* rgb, float* rgba, std::size_t count)
+{
+    // Each pixel is loaded with the first float of the next one, so the last one stands apart.
+    for (; count > 4; count -= 4, rgb += 12, rgba += 16) {
+        storeOpaque(rgba, _mm_loadu_ps(rgb));
+        storeOpaque(rgba + 4, _mm_loadu_ps(rgb + 3));
+        storeOpaque(rgba + 8, _mm_loadu_ps(rgb + 6));
+        storeOpaque(rgba + 12, _mm_loadu_ps(rgb + 9));
+    }
+    scalar::rgbToRgba(rgb, rgba, count);
+}
+
+TARGET_SSE41 void swapBytes16(const std::uint16_t* numbers, std::uint16_t* swapped, std::size_t count)
+{
+    const __m128i exchange = _mm_setr_epi8(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14);
+    for (; count >= 8; count -= 8, numbers += 8, swapped += 8)
+        store(swapped, _mm_shuffle_epi8(load(numbers), exchange));
+    scalar::swapBytes16(numbers, swapped, count);
+}
+
 /// What one group becomes. Sixteen bytes are read and written, whatever the group has.
 TARGET_SSE41 inline void arrangeGroup(
     const std::uint8_t* source, std::uint8_t* result, __m128i places, __m128i fill)
@@ -350,6 +491,7 @@ TARGET_SSE41 void arrange(
 // Without instructions for halves the plain loops are as good as any.
 constexpr PixelKernels kernels { packTruncated, packRounded, unpackToFloat, bgr24ToPacked, packedToBgr24,
     greyToPacked, scalar::halfToFloat, scalar::floatToHalf, byteToFloat, floatToByte, floatToUInt16,
+    scaledByteToFloat, uint16ToFloat, bigUint16ToFloat, greyToRgba, greyAlphaToRgba, rgbToRgba, swapBytes16,
     arrange };
 
 } // namespace sse41
@@ -529,10 +671,50 @@ TARGET_AVX2 void floatToUInt16(const float* samples, std::uint16_t* numbers, std
     sse41::floatToUInt16(samples, numbers, count);
 }
 
+TARGET_AVX2 inline void storeProducts(float* to, __m256i numbers, __m256 scale)
+{
+    _mm256_storeu_ps(to, _mm256_mul_ps(_mm256_cvtepi32_ps(numbers), scale));
+}
+
+TARGET_AVX2 void scaledByteToFloat(const std::uint8_t* bytes, float scale, float* samples, std::size_t count)
+{
+    const __m256 scales = _mm256_set1_ps(scale);
+    for (; count >= 16; count -= 16, bytes += 16, samples += 16) {
+        const __m128i sixteen = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+        storeProducts(samples, _mm256_cvtepu8_epi32(sixteen), scales);
+        storeProducts(samples + 8, _mm256_cvtepu8_epi32(_mm_srli_si128(sixteen, 8)), scales);
+    }
+    _mm256_zeroupper();
+    scalar::scaledByteToFloat(bytes, scale, samples, count);
+}
+
+TARGET_AVX2 void uint16ToFloat(const std::uint16_t* numbers, float scale, float* samples, std::size_t count)
+{
+    const __m256 scales = _mm256_set1_ps(scale);
+    for (; count >= 8; count -= 8, numbers += 8, samples += 8) {
+        const __m128i eight = _mm_loadu_si128(reinterpret_cast<const __m128i*>(numbers));
+        storeProducts(samples, _mm256_cvtepu16_epi32(eight), scales);
+    }
+    _mm256_zeroupper();
+    scalar::uint16ToFloat(numbers, scale, samples, count);
+}
+
+TARGET_AVX2 void bigUint16ToFloat(const std::uint8_t* numbers, float scale, float* samples, std::size_t count)
+{
+    const __m256i widen = _mm256_setr_epi8(1, 0, -1, -1, 3, 2, -1, -1, 5, 4, -1, -1, 7, 6, -1, -1, //
+        9, 8, -1, -1, 11, 10, -1, -1, 13, 12, -1, -1, 15, 14, -1, -1);
+    const __m256 scales = _mm256_set1_ps(scale);
+    for (; count >= 8; count -= 8, numbers += 16, samples += 8)
+        storeProducts(samples, _mm256_shuffle_epi8(loadTwice(numbers), widen), scales);
+    _mm256_zeroupper();
+    scalar::bigUint16ToFloat(numbers, scale, samples, count);
+}
+
 // What regroups bytes across the halves of the wide registers is as fast in the narrow ones.
 constexpr PixelKernels kernels { packTruncated, packRounded, unpackToFloat, bgr24ToPacked,
     sse41::packedToBgr24, greyToPacked, halfToFloat, floatToHalf, byteToFloat, floatToByte, floatToUInt16,
-    sse41::arrange };
+    scaledByteToFloat, uint16ToFloat, bigUint16ToFloat, sse41::greyToRgba, sse41::greyAlphaToRgba,
+    sse41::rgbToRgba, sse41::swapBytes16, sse41::arrange };
 
 } // namespace avx2
 

@@ -46,6 +46,20 @@ struct PixelKernels {
     /// Floats to 16-bit numbers: clamped to 0..1 (NaN 0), x 65535, rounded to nearest, halves to even;
     /// counts samples.
     void (*floatToUInt16)(const float* samples, std::uint16_t* numbers, std::size_t count);
+    /// Bytes to floats: multiplied by `scale`; counts samples.
+    void (*scaledByteToFloat)(const std::uint8_t* bytes, float scale, float* samples, std::size_t count);
+    /// 16-bit numbers to floats: multiplied by `scale`; counts samples.
+    void (*uint16ToFloat)(const std::uint16_t* numbers, float scale, float* samples, std::size_t count);
+    /// The same of numbers that are stored with the most significant byte first.
+    void (*bigUint16ToFloat)(const std::uint8_t* numbers, float scale, float* samples, std::size_t count);
+    /// Floats grey to floats RGBA, alpha 1.
+    void (*greyToRgba)(const float* grey, float* rgba, std::size_t count);
+    /// Floats grey and alpha to floats RGBA.
+    void (*greyAlphaToRgba)(const float* greyAlpha, float* rgba, std::size_t count);
+    /// Floats RGB to floats RGBA, alpha 1.
+    void (*rgbToRgba)(const float* rgb, float* rgba, std::size_t count);
+    /// 16-bit numbers with their two bytes exchanged; counts numbers.
+    void (*swapBytes16)(const std::uint16_t* numbers, std::uint16_t* swapped, std::size_t count);
     /// Pixels in another order of bytes.
     void (*arrange)(const PixelArrangement& arrangement, const std::uint8_t* source, std::uint8_t* result,
         std::size_t count);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <new>
+#include <typeinfo>
 
 namespace QUtils {
 
@@ -25,7 +26,12 @@ ImgRowBuffer* asRowBuffer(ImgBuffer& buffer)
 
 } // namespace
 
-RowSink::RowSink(ImgBuffer& buffer) : m_buffer(buffer), m_rows(asRowBuffer(buffer)) { }
+// A class derived from Image8 may treat floats in its own way.
+RowSink::RowSink(ImgBuffer& buffer)
+    : m_buffer(buffer), m_rows(asRowBuffer(buffer)),
+      m_roundsToBytes(m_rows && typeid(*m_rows) == typeid(Image8))
+{
+}
 
 RowSink::~RowSink() = default;
 

@@ -25,6 +25,11 @@ public:
     int width() const { return m_width; }
     int height() const { return m_height; }
 
+    /// True when the sink is an Image8, which rounds floats to bytes. A codec whose floats come from bytes
+    /// (s / 255, or s times the float nearest to 1 / 255) can then hand over the bytes themselves, packed:
+    /// the stored pixels are the same.
+    bool roundsToBytes() const { return m_roundsToBytes; }
+
     /// Room for the `width` packed pixels of row `y`: the sink's own storage when it offers it, else a row
     /// of this object's. All of it must be stored, then `endRow` called. Null when `y` is outside the
     /// image or memory for the row is refused.
@@ -45,6 +50,7 @@ private:
     ImgRowBuffer* m_rows; // Null when the sink takes single pixels only.
     std::unique_ptr<unsigned int[]> m_row;
     std::unique_ptr<float[]> m_rowF;
+    bool m_roundsToBytes;
     int m_width = 0, m_height = 0;
 };
 

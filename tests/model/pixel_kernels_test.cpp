@@ -182,6 +182,36 @@ TEST(PixelKernels, EverySixteenBitNumberSurvivesItsFloat)
     }
 }
 
+TEST(PixelKernels, NumbersAreScaledInEitherByteOrder)
+{
+    const std::uint8_t bytes[] = { 0x12, 0x34, 0xFF, 0x00 };
+    float samples[4];
+    scalarKernels().scaledByteToFloat(bytes, 0.5f, samples, 4);
+    EXPECT_THAT(samples, testing::ElementsAre(9.0f, 26.0f, 127.5f, 0.0f));
+    const std::uint16_t numbers[] = { 0x1234, 0xFF00 };
+    scalarKernels().uint16ToFloat(numbers, 0.5f, samples, 2);
+    EXPECT_EQ(samples[0], 0x1234 * 0.5f);
+    EXPECT_EQ(samples[1], 0xFF00 * 0.5f);
+    scalarKernels().bigUint16ToFloat(bytes, 0.5f, samples, 2);
+    EXPECT_EQ(samples[0], 0x1234 * 0.5f);
+    EXPECT_EQ(samples[1], 0xFF00 * 0.5f);
+    std::uint16_t swapped[2];
+    scalarKernels().swapBytes16(numbers, swapped, 2);
+    EXPECT_THAT(swapped, testing::ElementsAre(0x3412, 0x00FF));
+}
+
+TEST(PixelKernels, FewerComponentsBecomeFour)
+{
+    const float samples[] = { 0.25f, 0.5f, 0.75f, 2.0f, 3.0f, 4.0f };
+    float rgba[8];
+    scalarKernels().greyToRgba(samples, rgba, 2);
+    EXPECT_THAT(rgba, testing::ElementsAre(0.25f, 0.25f, 0.25f, 1, 0.5f, 0.5f, 0.5f, 1));
+    scalarKernels().greyAlphaToRgba(samples, rgba, 2);
+    EXPECT_THAT(rgba, testing::ElementsAre(0.25f, 0.25f, 0.25f, 0.5f, 0.75f, 0.75f, 0.75f, 2));
+    scalarKernels().rgbToRgba(samples, rgba, 2);
+    EXPECT_THAT(rgba, testing::ElementsAre(0.25f, 0.5f, 0.75f, 1, 2, 3, 4, 1));
+}
+
 TEST(PixelKernels, ArrangementPicksAndFillsBytes)
 {
     // Two pixels of three bytes to four: exchanged, the last byte set.
@@ -352,6 +382,53 @@ TEST_P(PixelKernelsOfLevel, NothingPastTheEndIsTouched)
     expectExactBounds(&PixelKernels::byteToFloat, 1, 1);
     expectExactBounds(&PixelKernels::floatToByte, 1, 1);
     expectExactBounds(&PixelKernels::floatToUInt16, 1, 1);
+    expectExactBounds(&PixelKernels::greyToRgba, 1, 4);
+    expectExactBounds(&PixelKernels::greyAlphaToRgba, 2, 4);
+    expectExactBounds(&PixelKernels::rgbToRgba, 3, 4);
+    expectExactBounds(&PixelKernels::swapBytes16, 1, 1);
+}
+
+/// Runs a conversion with a scale for every count from 0 to 67, from and to memory of just that size, and
+/// compares with the scalar one.
+template <typename Source>
+void expectScaledLikeScalar(const PixelKernels& kernels,
+    void (*PixelKernels::*kernel)(const Source*, float, float*, std::size_t), std::size_t sourcesEach)
+{
+    constexpr float scale = 1.0f / 1021.0f;
+    for (std::size_t count = 0; count <= 67; ++count) {
+        std::vector<Source> source(count * sourcesEach);
+        for (std::size_t i = 0; i < source.size(); ++i)
+            source[i] = Source(i * 40503u + count * 977u);
+        std::vector<float> expected(count), result(count), guarded(count + 16, -5.0f);
+        (scalarKernels().*kernel)(source.data(), scale, expected.data(), count);
+        (kernels.*kernel)(source.data(), scale, result.data(), count);
+        ASSERT_TRUE(sameBits(result, expected)) << count;
+        (kernels.*kernel)(source.data(), scale, guarded.data(), count);
+        ASSERT_EQ(std::count(guarded.end() - 16, guarded.end(), -5.0f), 16) << count;
+    }
+}
+
+TEST_P(PixelKernelsOfLevel, ScalesNumbersLikeThePlainRuleWithinTheirBounds)
+{
+    expectScaledLikeScalar(*m_kernels, &PixelKernels::scaledByteToFloat, 1);
+    expectScaledLikeScalar(*m_kernels, &PixelKernels::uint16ToFloat, 1);
+    expectScaledLikeScalar(*m_kernels, &PixelKernels::bigUint16ToFloat, 2);
+}
+
+TEST_P(FastPixelKernels, ScalesEverySixteenBitNumberLikeThePlainRule)
+{
+    std::vector<std::uint16_t> numbers(65536);
+    std::iota(numbers.begin(), numbers.end(), std::uint16_t(0));
+    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(numbers.data());
+    std::vector<float> expected(numbers.size()), result(numbers.size());
+    for (const float scale : { 1.0f / 65535.0f, 1.5259022e-05f, 1.0f / 4095.0f }) {
+        scalarKernels().uint16ToFloat(numbers.data(), scale, expected.data(), numbers.size());
+        m_kernels->uint16ToFloat(numbers.data(), scale, result.data(), numbers.size());
+        EXPECT_TRUE(sameBits(result, expected));
+        scalarKernels().bigUint16ToFloat(bytes, scale, expected.data(), numbers.size());
+        m_kernels->bigUint16ToFloat(bytes, scale, result.data(), numbers.size());
+        EXPECT_TRUE(sameBits(result, expected));
+    }
 }
 
 /// An arrangement that takes the bytes of a pixel from anywhere in it, or from nowhere.

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <vector>
@@ -137,6 +138,36 @@ TEST(RowSink, StorageOfTheSinkIsDecodedIntoWithoutACopy)
     sink.endRow(1, row);
     EXPECT_EQ(image.row(1), row);
     EXPECT_EQ(image.pixel(1, 1), 6u);
+}
+
+TEST(RowSink, OnlyAnImage8ItselfRoundsToBytes)
+{
+    struct OwnRule : QUtils::Image8 {
+        void setRowF(int, int, int, const float*) override { }
+    } ownRule;
+    QUtils::Image8 image;
+    QUtils::ImageF floats;
+    RowTaker taker;
+    EXPECT_TRUE(RowSink(image).roundsToBytes());
+    EXPECT_FALSE(RowSink(floats).roundsToBytes());
+    EXPECT_FALSE(RowSink(taker).roundsToBytes());
+    EXPECT_FALSE(RowSink(ownRule).roundsToBytes());
+}
+
+TEST(RowSink, BytesThatBecameFloatsAreTheSameBytesInAnImage8)
+{
+    for (const bool divide : { false, true }) {
+        QUtils::Image8 image;
+        RowSink sink(image);
+        ASSERT_EQ(sink.init(256, 1), IMGERR_NONE);
+        float* const row = sink.beginRowF(0);
+        ASSERT_NE(row, nullptr);
+        for (int s = 0; s < 256; ++s)
+            std::fill_n(row + s * 4, 4, divide ? float(s) / 255.0f : float(s) * float(1 / 255.0));
+        sink.endRowF(0, row);
+        for (unsigned int s = 0; s < 256; ++s)
+            EXPECT_EQ(image.pixel(int(s), 0), s * 0x01010101u);
+    }
 }
 
 } // namespace
