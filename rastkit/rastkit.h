@@ -17,6 +17,7 @@
 #include "rastkit/buffers.h"
 #include "rastkit/codecs/binary_io.h"
 #include "rastkit/codecs/tga.h"
+#include "rastkit/codecs/tiff.h"
 #include "rastkit/formats.h"
 #include "rastkit/load.h"
 #include "rastkit/save.h"

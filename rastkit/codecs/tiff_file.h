@@ -1,0 +1,33 @@
+#pragma once
+
+#include "rastkit/codecs/tiff.h"
+
+#include <cstdint>
+
+namespace QUtils {
+
+/// A TIFF that is being read or written, closed on every path. Null after a failed open.
+class TiffFile {
+public:
+    TiffFile(const char* name, const char* mode) : m_tiff(my_TIFFOpen(name, mode)) { }
+    TiffFile(const TiffFile&) = delete;
+    TiffFile& operator=(const TiffFile&) = delete;
+    ~TiffFile() { close(); }
+
+    operator TIFF*() const { return m_tiff; }
+    explicit operator bool() const { return m_tiff != nullptr; }
+
+    /// Gives the handle up without closing it.
+    void release() { m_tiff = nullptr; }
+    /// Closes now. False when anything of a written file did not reach the system, its directory included,
+    /// which libtiff itself tells nobody. True when there is nothing to close.
+    bool close();
+
+private:
+    TIFF* m_tiff;
+};
+
+/// Bytes of the file behind a handle of my_TIFFOpen.
+std::uint64_t tiffFileBytes(TIFF* tiff);
+
+} // namespace QUtils
