@@ -39,17 +39,43 @@ int chooseFormat(const std::string& name)
     return format && format->writes ? format->formatIndex : -1;
 }
 
-bool load(const std::string& name, QUtils::Image8& image)
+/// What is read and written: one of the two images, as deep as the file's samples are.
+struct Picture {
+    bool isDeep = false; ///< More than 8 bits a sample: `floats` holds it, else `bytes`.
+    QUtils::Image8 bytes;
+    QUtils::ImageF floats;
+};
+
+bool hasDeepSamples(const IMGINFO& info)
+{
+    return info.numChannels > 0 && info.bitsPerPixel / info.numChannels > 8;
+}
+
+bool load(const std::string& name, Picture& picture)
 {
     const InputFile file = examineInput(name);
     if (!file.obstacle.empty()) {
         reportFailure(name, cannotRead, file.obstacle);
         return false;
     }
-    const ImgError error = QUtils::loadStandard(name.c_str(), image, nullptr);
+    IMGINFO info {};
+    ImgError error = QUtils::loadHeaderStandard(name.c_str(), &info, nullptr);
+    if (error.code() == IMGERR_NONE) {
+        picture.isDeep = hasDeepSamples(info);
+        // As many pixels as the other image takes, which have a quarter of the bytes.
+        picture.floats.setMaxBytes(4 * QUtils::RowImage::defaultMaxBytes);
+        ImgBuffer& image = picture.isDeep ? static_cast<ImgBuffer&>(picture.floats) : picture.bytes;
+        error = QUtils::loadStandard(name.c_str(), image, nullptr);
+    }
     if (error.code() != IMGERR_NONE)
         reportFailure(name, cannotRead, inWords(error));
     return error.code() == IMGERR_NONE;
+}
+
+ImgError save(const std::string& name, int formatIndex, const Picture& picture)
+{
+    return picture.isDeep ? QUtils::saveStandard(name.c_str(), formatIndex, picture.floats)
+                          : QUtils::saveStandard(name.c_str(), formatIndex, picture.bytes);
 }
 
 /// The reason of a failed write; `number` is the errno that it left, 0 if none.
@@ -60,7 +86,7 @@ std::string writeReason(const ImgError& error, int number)
 }
 
 /// Why the image was not written; empty when it was.
-std::string write(const Arguments& arguments, int formatIndex, const QUtils::Image8& image)
+std::string write(const Arguments& arguments, int formatIndex, const Picture& picture)
 {
     RemoveOnSignal onSignal;
     AtomicFile file;
@@ -73,7 +99,7 @@ std::string write(const Arguments& arguments, int formatIndex, const QUtils::Ima
             onSignal.watch(file.name());
     }
     errno = 0;
-    const ImgError error = QUtils::saveStandard(file.name().c_str(), formatIndex, image);
+    const ImgError error = save(file.name(), formatIndex, picture);
     const int number = errno;
     if (error.code() != IMGERR_NONE)
         return writeReason(error, number);
@@ -86,10 +112,10 @@ int convert(const Arguments& arguments)
     const int formatIndex = chooseFormat(arguments.out);
     if (formatIndex < 0)
         return EXIT_USAGE;
-    QUtils::Image8 image;
-    if (!load(arguments.in, image))
+    Picture picture;
+    if (!load(arguments.in, picture))
         return EXIT_FILE;
-    const std::string obstacle = write(arguments, formatIndex, image);
+    const std::string obstacle = write(arguments, formatIndex, picture);
     if (!obstacle.empty())
         reportFailure(arguments.out, cannotWrite, obstacle);
     return obstacle.empty() ? EXIT_DONE : EXIT_FILE;

@@ -5,9 +5,11 @@
 #include "rastkit/model/format_tables.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <iterator>
 #include <string_view>
+#include <type_traits>
 
 namespace QUtils {
 
@@ -15,12 +17,16 @@ namespace {
 
 constexpr int colorChannel = 0, noAlpha = -1;
 
+/// The smallest of the kinds of samples that hold all samples of an image.
+enum class SampleDepth { Byte, Number16, Float };
+
 /// An image as a frame of one channel, for the writers, without a copy of more than a row.
-class ImageFrame : public PixelBufferInterface {
+template <typename Image> class ImageFrame : public PixelBufferInterface {
 public:
-    explicit ImageFrame(const Image8& image) : m_image(image), m_row(image.width(), 1)
+    explicit ImageFrame(const Image& image) : m_image(image), m_row(image.width(), 1)
     {
-        m_row.addChannel("color", PIXELCHANNEL_COLOR, 4, FrameSample::Packed8);
+        m_row.addChannel(
+            "color", PIXELCHANNEL_COLOR, 4, isPacked ? FrameSample::Packed8 : FrameSample::Float);
     }
 
     int getWidth() override { return m_image.width(); }
@@ -29,11 +35,11 @@ public:
         void* dest, int argument0, int argument1, int argument2) override
     {
         for (int y = region.top; y < region.bottom; ++y) {
-            const unsigned int* const row = m_image.row(y);
-            std::uint32_t* const copy = m_row.rowPacked(colorChannel, 0);
+            const auto* const row = m_image.row(y);
+            void* const copy = m_row.row(colorChannel, 0);
             if (!row || !copy)
                 return 0;
-            std::memcpy(copy, row, sizeof *row * std::size_t(m_image.width()));
+            std::memcpy(copy, row, pixelBytes * std::size_t(m_image.width()));
             const PixelBufferRegion part { region.left, 0, region.right, 1, region.width, 1, 0, 0 };
             if (!m_row.getPixels(
                     channel, alphaChannel, part, format, rowBytes, dest, argument0, argument1, argument2))
@@ -49,7 +55,10 @@ public:
     }
 
 private:
-    const Image8& m_image;
+    static constexpr bool isPacked = std::is_same_v<Image, Image8>;
+    static constexpr std::size_t pixelBytes = isPacked ? sizeof(std::uint32_t) : 4 * sizeof(float);
+
+    const Image& m_image;
     FrameBuffer m_row; // Converts one row to whatever a writer asks for.
 };
 
@@ -64,14 +73,53 @@ bool isOpaque(const Image8& image)
     return common == 0xFF000000u;
 }
 
-ImgError saveTgaImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel)
+/// False also for NaN.
+bool isOpaque(const ImageF& image)
+{
+    bool opaque = true;
+    for (int y = 0; y < image.height() && opaque; ++y) {
+        const float* const row = image.row(y);
+        for (int x = 0; x < image.width(); ++x)
+            opaque = opaque && row[4 * x + 3] == 1.0f;
+    }
+    return opaque;
+}
+
+SampleDepth depthOf(const Image8&)
+{
+    return SampleDepth::Byte;
+}
+
+/// Loaders divide or multiply 16-bit numbers, so a sample may be off by the last bit of its float.
+bool holdsNumbers16(const float* samples, std::size_t count)
+{
+    constexpr float most = 65535.0f, tolerance = 1.0f / 32;
+    bool holds = true;
+    for (std::size_t i = 0; i < count; ++i) {
+        const float number = samples[i] * most;
+        holds = holds && number >= 0 && number <= most
+            && std::fabs(number - std::nearbyint(number)) <= tolerance;
+    }
+    return holds;
+}
+
+SampleDepth depthOf(const ImageF& image)
+{
+    for (int y = 0; y < image.height(); ++y)
+        if (!holdsNumbers16(image.row(y), std::size_t(image.width()) * 4))
+            return SampleDepth::Float;
+    return SampleDepth::Number16;
+}
+
+ImgError saveTgaImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth)
 {
     return saveTga(fileName, frame, colorChannel, alphaChannel, 0, TGA_TRUE_COLOR, Conventions::Standard);
 }
 
 /// One format, by its first extension.
 struct StandardWriter {
-    using Save = ImgError (*)(const char* fileName, PixelBufferInterface& frame, int alphaChannel);
+    using Save = ImgError (*)(
+        const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth depth);
 
     std::string_view extension;
     Save save;
@@ -94,15 +142,25 @@ const StandardWriter* findWriter(int formatIndex)
     return found == std::end(tableStandardWriters) ? nullptr : found;
 }
 
-} // namespace
-
-ImgError saveStandard(const char* fileName, int formatIndex, const Image8& image)
+template <typename Image> ImgError save(const char* fileName, int formatIndex, const Image& image)
 {
     const StandardWriter* const writer = findWriter(formatIndex);
     if (!writer)
         return IMGERR_UNSUPPORTED;
-    ImageFrame frame(image);
-    return writer->save(fileName, frame, isOpaque(image) ? noAlpha : colorChannel);
+    ImageFrame<Image> frame(image);
+    return writer->save(fileName, frame, isOpaque(image) ? noAlpha : colorChannel, depthOf(image));
+}
+
+} // namespace
+
+ImgError saveStandard(const char* fileName, int formatIndex, const Image8& image)
+{
+    return save(fileName, formatIndex, image);
+}
+
+ImgError saveStandard(const char* fileName, int formatIndex, const ImageF& image)
+{
+    return save(fileName, formatIndex, image);
 }
 
 bool writesStandard(int formatIndex)

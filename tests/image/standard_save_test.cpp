@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cmath>
+
 namespace {
 
 using namespace testing_support;
@@ -98,6 +101,30 @@ TEST_F(StandardSave, WritesOnlyFormatsThatTheRenderersFunctionsWrite)
         const bool isAbsent = SaveImageFile(m_name.c_str(), frame, 0, -1, i).code() == IMGERR_UNSUPPORTED;
         EXPECT_EQ(QUtils::writesStandard(i), !isAbsent) << QUtils::supported[i].extensions;
     }
+}
+
+// --- Floats
+// --------------------------------------------------------------------------------------------------
+
+QUtils::ImageF makeFloats(const std::vector<std::array<float, 4>>& pixels)
+{
+    QUtils::ImageF image;
+    image.init(int(pixels.size()), 1);
+    for (std::size_t x = 0; x < pixels.size(); ++x)
+        image.setPixelF(int(x), 0, pixels[x].data());
+    return image;
+}
+
+TEST_F(StandardSave, FloatsAreRoundedForAFormatOfBytes)
+{
+    ASSERT_EQ(
+        QUtils::saveStandard(m_name.c_str(), tga, makeFloats({ { 2, 0.5f, -1, 1 }, { 0, 0, 0, 0.25f } }))
+            .code(),
+        IMGERR_NONE);
+    Image8 loaded;
+    ASSERT_EQ(QUtils::loadStandard(m_name.c_str(), loaded, nullptr).code(), IMGERR_NONE);
+    EXPECT_EQ(loaded.pixel(0, 0), 0xFFFF8000u);
+    EXPECT_EQ(loaded.pixel(1, 0), 0x40000000u);
 }
 
 } // namespace
