@@ -92,3 +92,16 @@ RASTKIT_API ImgError SaveTGAFile(const char* fileName, IMGINFO* info, float* pix
 /// Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE.
 RASTKIT_API ImgError SaveTGAFile_pb(
     const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);
+
+/// Writes packed pixels as an uncompressed TIFF file of four 8-bit samples. Red and blue are exchanged in the
+/// file: its samples are blue, green, red and alpha of each pixel. `info` is not null; its width and height
+/// count. Errors: IMGERR_OPEN; IMGERR_WRITE, also for a size below 1 and for files over 4 GiB. Source:
+/// TIFF 6.0.
+RASTKIT_API ImgError SaveTIFFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// Writes one channel of a frame as an uncompressed TIFF file of three samples, or four with alpha: unsigned
+/// of 8 or 16 bits, or floats, plane by plane or interleaved, as `TiffSettingsInterface` says. No exception
+/// of the frame passes through. Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE, also for exceptions, a size
+/// below 1 and files over 4 GiB.
+RASTKIT_API ImgError SaveTIFFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);

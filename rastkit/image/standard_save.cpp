@@ -2,6 +2,7 @@
 
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/codecs/tga_format.h"
+#include "rastkit/codecs/tiff_core.h"
 #include "rastkit/model/format_tables.h"
 
 #include <algorithm>
@@ -116,6 +117,13 @@ ImgError saveTgaImage(const char* fileName, PixelBufferInterface& frame, int alp
     return saveTga(fileName, frame, colorChannel, alphaChannel, 0, TGA_TRUE_COLOR, Conventions::Standard);
 }
 
+ImgError saveTiffImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth depth)
+{
+    TiffSaveOptions options;
+    options.bitsPerChannel = depth == SampleDepth::Byte ? 8 : depth == SampleDepth::Number16 ? 16 : 32;
+    return saveTiff(fileName, frame, colorChannel, alphaChannel, 0, options, Conventions::Standard);
+}
+
 /// One format, by its first extension.
 struct StandardWriter {
     using Save = ImgError (*)(
@@ -128,6 +136,7 @@ struct StandardWriter {
 // clang-format off
 constexpr StandardWriter tableStandardWriters[] = {
     { "tga", saveTgaImage },
+    { "tif", saveTiffImage },
 };
 // clang-format on
 

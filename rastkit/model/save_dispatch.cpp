@@ -32,6 +32,7 @@ struct ImageWriter {
 constexpr ImageWriter tableImageWriters[] = {
     // extension  packed pixels  frame
     { "tga",      SaveTGAFile,   SaveTGAFile_pb },
+    { "tif",      SaveTIFFile,   SaveTIFFile_pb },
 };
 // clang-format on
 

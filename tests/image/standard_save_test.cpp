@@ -4,6 +4,7 @@
 #include "rastkit/model/format_tables.h"
 #include "rastkit/save.h"
 #include "support/temp_file.h"
+#include "support/tiff_reading.h"
 
 #include <gtest/gtest.h>
 
@@ -113,6 +114,25 @@ QUtils::ImageF makeFloats(const std::vector<std::array<float, 4>>& pixels)
     for (std::size_t x = 0; x < pixels.size(); ++x)
         image.setPixelF(int(x), 0, pixels[x].data());
     return image;
+}
+
+TEST_F(StandardSave, FloatsKeepWhatTheFormatCanHold)
+{
+    const int tif = QUtils::getFileFormatIndex("tif", nullptr);
+    const float fraction = 12345 / 65535.0f, scaled = 54321 * 1.5259022e-05f;
+    const auto bitsOf = [&](const QUtils::ImageF& image) {
+        EXPECT_EQ(QUtils::saveStandard(m_name.c_str(), tif, image).code(), IMGERR_NONE);
+        return OpenTiff(m_name).number(TIFFTAG_BITSPERSAMPLE);
+    };
+    EXPECT_EQ(bitsOf(makeFloats({ { 0, 1, fraction, 1 } })), 16u);
+    EXPECT_EQ(OpenTiff(m_name).row(0, 2).at(0), 12345u);
+    EXPECT_EQ(OpenTiff(m_name).number(TIFFTAG_SAMPLESPERPIXEL), 3u);
+    EXPECT_EQ(bitsOf(makeFloats({ { 0, scaled, 1, 0.2f } })), 16u) << "0.2 is 13107 / 65535";
+    EXPECT_EQ(OpenTiff(m_name).number(TIFFTAG_SAMPLESPERPIXEL), 4u);
+    EXPECT_EQ(bitsOf(makeFloats({ { 0, 0, 0, 1 }, { 0, 1.5f, 0, 1 } })), 32u);
+    EXPECT_EQ(bitsOf(makeFloats({ { 0, -0.5f, 0, 1 } })), 32u);
+    EXPECT_EQ(bitsOf(makeFloats({ { 0, NAN, 0, 1 } })), 32u);
+    EXPECT_EQ(bitsOf(makeFloats({ { 0, 0.33333f, 0, 1 } })), 32u);
 }
 
 TEST_F(StandardSave, FloatsAreRoundedForAFormatOfBytes)
