@@ -32,6 +32,27 @@ RASTKIT_API int getImageSHATag(const char* fileName, char* out, int outSize);
 /// for hosts that retry a texture.
 RASTKIT_API int getTextureWait();
 
+/// Fills width, height, bitsPerPixel, numChannels and bytesPerPixel of `info` (not null) from a PNG file, the
+/// pixels unread: as the file has them, so that a 1-bit image has 0 bytes.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT not a PNG file or a broken header; IMGERR_UNSUPPORTED an image with a
+/// palette; IMGERR_MEMORY; IMGERR_LIBRARY.
+RASTKIT_API ImgError LoadPNGHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes a PNG file into `buffer`: images of 16 bits a channel as float pixels, 0 to 1, all others as
+/// packed ones. Palettes, transparent values and depths below 8 are expanded; gamma and profiles are ignored.
+/// `info` may be null and is filled on success, as the expanded image is.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT not a PNG file, or broken in front of the pixels; IMGERR_READ cut or
+/// broken later: the rows that were complete are stored; IMGERR_MEMORY; IMGERR_LIBRARY.
+/// Source: PNG Specification, Second Edition.
+RASTKIT_API ImgError LoadPNGFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// `LoadPNGHeader` and `LoadPNGFile` for a file of `size` bytes in memory. Of sizes the low 31 bits and a
+/// sign count, less the eight bytes of the signature. Errors: as those, but for IMGERR_OPEN; and
+/// IMGERR_MEMORY "Can't read NULL PNG data" when `data` is null or `size` 0.
+RASTKIT_API ImgError LoadPNGArrayHeader(const unsigned char* data, unsigned long size, IMGINFO* info);
+RASTKIT_API ImgError LoadPNGArray(
+    const unsigned char* data, unsigned long size, ImgBuffer& buffer, IMGINFO* info);
+
 /// Fills width, height, bitsPerPixel, numChannels and bytesPerPixel (not null) from a Targa file's first 18
 /// bytes; nothing else is checked, not even the image type. Sizes of 32768 and above come out negative.
 /// Errors: IMGERR_OPEN; IMGERR_FORMAT short header.

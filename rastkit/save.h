@@ -76,6 +76,23 @@ RASTKIT_API int SaveImageFile_getFilename(const char* fileName, const QUtils::Pi
 /// array with `free`. Null, with `out` untouched, when memory is refused or a size is negative.
 RASTKIT_API unsigned int* CreateUInt32FromFloat(IMGINFO in, float* pixels, IMGINFO& out);
 
+/// Writes an RGBA PNG file of 8 bits a channel. `info` is not null; its bitsPerPixel must be 8 for each of
+/// its numChannels, whatever their number: `pixels` has one word a pixel. Errors: IMGERR_OPEN; IMGERR_LIBRARY
+/// another depth, a size below 1, or a failure that libpng met; IMGERR_WRITE what shows only at the end;
+/// IMGERR_MEMORY.
+RASTKIT_API ImgError SavePNGFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// Writes nothing: this writer takes no float pixels.
+/// Errors: IMGERR_UNSUPPORTED, always.
+RASTKIT_API ImgError SavePNGFile(const char* fileName, IMGINFO* info, float* pixels);
+
+/// Writes one channel of a frame as a PNG file, RGB or with alpha RGBA, in the bits a channel and with the
+/// compression level that `PngSettingsInterface` sets (8 or 16, 0 to 9).
+/// Errors: IMGERR_OPEN; IMGERR_LIBRARY other settings, a size below 1, or a failure that libpng met;
+/// IMGERR_MEMORY; IMGERR_WRITE the frame refused a row, or what shows only at the end.
+RASTKIT_API ImgError SavePNGFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int rgbChannel, int alphaChannel, int flags);
+
 /// Writes an uncompressed Targa file: `pixels` goes out as it lies in memory, `info->bytesPerPixel` bytes a
 /// pixel (3: packed blue, green, red; 4: packed 0xAARRGGBB words). `info` is not null. The format keeps 16
 /// bits of each size: larger ones lose the others, without an error.

@@ -1,5 +1,6 @@
 #include "rastkit/image/standard_load.h"
 
+#include "rastkit/codecs/png_core.h"
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/model/load_dispatch.h"
 
@@ -23,6 +24,7 @@ struct CodecCore {
 // clang-format off
 constexpr CodecCore tableCodecCores[] = {
     // type         pixels   header
+    { IMGTYPE_PNG,  loadPng, loadPngHeader },
     { IMGTYPE_TGA,  loadTga, loadTgaHeader },
 };
 // clang-format on

@@ -1,5 +1,6 @@
 #include "rastkit/image/standard_save.h"
 
+#include "rastkit/codecs/png_core.h"
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/codecs/tga_format.h"
 #include "rastkit/codecs/tiff_core.h"
@@ -112,6 +113,14 @@ SampleDepth depthOf(const ImageF& image)
     return SampleDepth::Number16;
 }
 
+/// Of more than 8 bits the format has 16.
+ImgError savePngImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth depth)
+{
+    constexpr int compression = 5;
+    const int bits = depth == SampleDepth::Byte ? 8 : 16;
+    return savePng(fileName, frame, colorChannel, alphaChannel, 0, compression, bits, Conventions::Standard);
+}
+
 ImgError saveTgaImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth)
 {
     return saveTga(fileName, frame, colorChannel, alphaChannel, 0, TGA_TRUE_COLOR, Conventions::Standard);
@@ -135,6 +144,7 @@ struct StandardWriter {
 
 // clang-format off
 constexpr StandardWriter tableStandardWriters[] = {
+    { "png", savePngImage },
     { "tga", saveTgaImage },
     { "tif", saveTiffImage },
 };

@@ -40,7 +40,7 @@ const FileFormatInfo supported[supportedCount] = {
 
 const ImageLoader tableImageLoaders[imageLoaderCount] = {
     // extensions         pixels       header         content tag  type
-    { ".PNG",             absentFile,  absentHeader,  nullptr,     IMGTYPE_PNG },
+    { ".PNG",             LoadPNGFile, LoadPNGHeader, nullptr,     IMGTYPE_PNG },
     { ".TGA",             LoadTGAFile, LoadTGAHeader, nullptr,     IMGTYPE_TGA },
     { ".JPG|.JPEG|.JPE",  absentFile,  absentHeader,  nullptr,     IMGTYPE_JPEG },
     { ".BMP",             absentFile,  absentHeader,  nullptr,     IMGTYPE_BMP },

@@ -1,11 +1,27 @@
 #include "rastkit/formats.h"
 
+#include <cstdio>
+#include <png.h>
+
 namespace QUtils {
 
-// One row per codec library. The formats of this build need none.
+namespace {
+
+CharStringPair pngVersion()
+{
+    const unsigned int number = png_access_version_number();
+    char text[32];
+    std::snprintf(text, sizeof text, "%u.%u.%u", number / 10000, number % 10000 / 100, number % 100);
+    return { "libpng", text };
+}
+
+} // namespace
+
+// One row per codec library.
 void rastkit_getImageLibVersions(Table<CharStringPair, 100>& rows)
 {
     rows.clear();
+    rows.add(pngVersion());
 }
 
 } // namespace QUtils

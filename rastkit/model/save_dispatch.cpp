@@ -31,6 +31,7 @@ struct ImageWriter {
 // clang-format off
 constexpr ImageWriter tableImageWriters[] = {
     // extension  packed pixels  frame
+    { "png",      SavePNGFile,   SavePNGFile_pb },
     { "tga",      SaveTGAFile,   SaveTGAFile_pb },
     { "tif",      SaveTIFFile,   SaveTIFFile_pb },
 };

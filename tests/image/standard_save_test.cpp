@@ -135,6 +135,22 @@ TEST_F(StandardSave, FloatsKeepWhatTheFormatCanHold)
     EXPECT_EQ(bitsOf(makeFloats({ { 0, 0.33333f, 0, 1 } })), 32u);
 }
 
+TEST_F(StandardSave, FloatsBecome16BitsInAPngFile)
+{
+    const int png = QUtils::getFileFormatIndex("png", nullptr);
+    const float scaled = 54321 * 1.5259022e-05f;
+    ASSERT_EQ(
+        QUtils::saveStandard(m_name.c_str(), png, makeFloats({ { 0, scaled, 2, 1 }, { -1, NAN, 1, 1 } }))
+            .code(),
+        IMGERR_NONE);
+    QUtils::ImageF loaded;
+    IMGINFO info {};
+    ASSERT_EQ(QUtils::loadStandard(m_name.c_str(), loaded, &info).code(), IMGERR_NONE);
+    EXPECT_EQ(info.bitsPerPixel, 48);
+    EXPECT_EQ(std::vector<float>(loaded.row(0), loaded.row(0) + 8),
+        (std::vector<float> { 0, scaled, 1, 1, 0, 0, 1, 1 }));
+}
+
 TEST_F(StandardSave, FloatsAreRoundedForAFormatOfBytes)
 {
     ASSERT_EQ(

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <png.h>
 #include <set>
 #include <string>
 
@@ -156,6 +158,16 @@ TEST(LoaderTable, NameThatIsOnlyAnExtensionMatchesNothing)
     EXPECT_EQ(QUtils::findLoaderByExtension(""), nullptr);
     EXPECT_NE(QUtils::findLoaderByExtension("a.tga"), nullptr);
     EXPECT_EQ(QUtils::findLoaderByExtension("a.tga.bak"), nullptr);
+}
+
+TEST(LibraryVersions, ReportNamesLibpng)
+{
+    Table<CharStringPair, 100> rows;
+    rastkit_getImageLibVersions(rows);
+    const auto* const libpng = std::find_if(
+        rows.begin(), rows.end(), [](const CharStringPair& row) { return row.first == "libpng"; });
+    ASSERT_NE(libpng, rows.end());
+    EXPECT_STREQ(libpng->second.c_str(), png_get_libpng_ver(nullptr));
 }
 
 TEST(LibraryVersions, ReportReplacesWhatTheTableHeld)

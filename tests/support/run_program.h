@@ -90,10 +90,12 @@ private:
     pid_t m_process = -1;
 };
 
+#ifdef RASTKIT_PROGRAM
 /// The tool, run to its end.
 inline ProgramResult runTool(const Program::Arguments& arguments, rlim_t maxFileBytes = RLIM_INFINITY)
 {
     return Program(RASTKIT_PROGRAM, arguments, maxFileBytes).wait();
 }
+#endif
 
 } // namespace testing_support
