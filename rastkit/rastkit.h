@@ -11,6 +11,7 @@
 #include "qutils/core/paths.h"
 #include "qutils/core/ptr_array.h"
 #include "qutils/core/table.h"
+#include "qutils/formats/pbuf_stream.h"
 #include "qutils/plugin/pixel_buffer.h"
 #include "qutils/plugin/plugin.h"
 #include "qutils/raw/records.h"

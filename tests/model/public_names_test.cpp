@@ -22,6 +22,7 @@ EXPECT_SAME_TYPE(CharString);
 EXPECT_SAME_TYPE(CharStringPair);
 EXPECT_SAME_TYPE(PluginBase);
 EXPECT_SAME_TYPE(PluginInterface);
+EXPECT_SAME_TYPE(PBufStream);
 EXPECT_SAME_TYPE(PixelBufferInterface);
 EXPECT_SAME_TYPE(PixelBufferChannelInfo);
 EXPECT_SAME_TYPE(PixelBufferRegion);
