@@ -158,7 +158,8 @@ bool isFrame(const Codec& codec, const float* rgba)
     double difference = 0;
     for (std::size_t i = 0; i < framePixels * 4; ++i) {
         const bool isAlpha = i % 4 == 3;
-        difference += std::abs(double(rgba[i]) - (isAlpha && !codec.hasAlpha ? 1.0 : double(expected[i])));
+        const double sample = codec.isClamped ? std::min(double(expected[i]), 1.0) : double(expected[i]);
+        difference += std::abs(double(rgba[i]) - (isAlpha && !codec.hasAlpha ? 1.0 : sample));
     }
     return difference <= codec.tolerance * 4 * double(framePixels); // Not so for NaN.
 }
@@ -168,7 +169,7 @@ bool holdsFrame(const Codec& codec, const std::string& path)
     return succeeded(codec.load(path.c_str(), imageOf(codec))) && isFrameLoaded(codec);
 }
 
-void addReadRows(const Codec& codec, Goal goal)
+void addReadRows(const Codec& codec, Goal goal, const std::string& beside)
 {
     const std::string path = inputPath(codec);
     Row floor;
@@ -180,7 +181,7 @@ void addReadRows(const Codec& codec, Goal goal)
 
     Row row;
     row.name = codec.name + "/read";
-    row.beside = floor.name;
+    row.beside = beside.empty() ? floor.name : beside;
     row.pixelBytes = codec.pixelBytes();
     row.goal = goal;
     row.prepare = floor.prepare;
@@ -189,7 +190,7 @@ void addReadRows(const Codec& codec, Goal goal)
     addRow(row);
 }
 
-void addWriteRows(const Codec& codec, Goal goal)
+void addWriteRows(const Codec& codec, Goal goal, const std::string& beside)
 {
     const std::string floorPath = outputPath(codec, "floor"), path = outputPath(codec, "written");
     Row floor;
@@ -205,7 +206,7 @@ void addWriteRows(const Codec& codec, Goal goal)
 
     Row row;
     row.name = codec.name + "/write";
-    row.beside = floor.name;
+    row.beside = beside.empty() ? floor.name : beside;
     row.pixelBytes = codec.pixelBytes();
     row.goal = goal;
     row.reset = [path] { removeFile(path); };

@@ -19,6 +19,7 @@ struct Codec {
     std::string extension; ///< With the dot.
     bool hasAlpha = false; ///< Without, pixels come back opaque.
     bool isFloat = false; ///< Loads float pixels, four floats each, instead of packed ones.
+    bool isClamped = false; ///< Float pixels that are stored as whole numbers: none is above 1.
     /// 0: what is loaded is the frame, bit by bit. Else the mean difference that a loaded sample may have,
     /// where 1 is white; for variants that lose something.
     double tolerance = 0;
@@ -28,10 +29,12 @@ struct Codec {
     std::size_t pixelBytes() const { return isFloat ? floatBytes : packedBytes; } ///< Of the frame.
 };
 
-/// "<name>/read": into one `Image8` or `ImageF` that keeps its memory, beside "<name>/read/floor".
-void addReadRows(const Codec& codec, Goal goal);
-/// "<name>/write": to a new file, read back once to verify it; beside "<name>/write/floor".
-void addWriteRows(const Codec& codec, Goal goal);
+/// "<name>/read": into one `Image8` or `ImageF` that keeps its memory, beside "<name>/read/floor" or the row
+/// that is named.
+void addReadRows(const Codec& codec, Goal goal, const std::string& beside = {});
+/// "<name>/write": to a new file, read back once to verify it; beside "<name>/write/floor" or the row that is
+/// named.
+void addWriteRows(const Codec& codec, Goal goal, const std::string& beside = {});
 /// "<name>/read/pixels", of packed pixels: into a sink that takes single pixels only, beside a reader of the
 /// caller's own,
 /// "<name>/read/naive", which reads a pixel at a time from the stream.

@@ -29,6 +29,7 @@ int main(int argc, char** argv)
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data()))
         return 2;
 
+    bench::addPngRows();
     bench::addTgaRows();
     bench::addKernelRows();
     benchmark::RunSpecifiedBenchmarks();

@@ -92,6 +92,7 @@ bool writeFile(const Codec& codec, const std::string& compression, const std::st
 {
     OIIO::ImageSpec spec(frameWidth, frameHeight, codec.hasAlpha ? 4 : 3, typeOf(codec));
     spec["compression"] = compression;
+    spec["png:compressionLevel"] = 5; // As this library's own writer has it; for PNG files only.
     spec["oiio:UnassociatedAlpha"] = 1;
     const auto out = OIIO::ImageOutput::create(path);
     return out && out->open(path, spec) && out->write_image(typeOf(codec), pixelsOf(codec), strideOf(codec))

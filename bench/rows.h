@@ -46,6 +46,7 @@ void addRow(Row row);
 
 /// One for each file <format>_bench.cpp; main() calls them.
 void addKernelRows();
+void addPngRows();
 void addTgaRows();
 
 } // namespace bench
