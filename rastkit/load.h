@@ -64,3 +64,22 @@ RASTKIT_API ImgError LoadTGAHeader(const char* fileName, IMGINFO* info);
 /// Errors: IMGERR_OPEN; IMGERR_FORMAT short header or an image type other than 1, 2, 3, 9, 10, 11;
 /// IMGERR_MEMORY; IMGERR_READ cut data. Source: Truevision TGA 2.0.
 RASTKIT_API ImgError LoadTGAFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// Fills width, height and, whatever the file's components are, bitsPerPixel 128, numChannels 4 and
+/// bytesPerPixel 16 (`info` is not null) from the header of a JPEG file.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT; IMGERR_MEMORY.
+RASTKIT_API ImgError LoadJPGHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes a baseline or progressive JPEG file into `buffer` as packed pixels: grey and coloured ones opaque,
+/// of four components (CMYK, YCCK) the first three as red, green and blue and the fourth as alpha, without
+/// conversion. A file that is cut behind its header gives all its rows, with what libjpeg makes of the
+/// missing ones, and is a success. `info` may be null and is filled on success: numChannels counts
+/// components, bytesPerPixel is four times as much. Errors: IMGERR_OPEN; IMGERR_FORMAT; IMGERR_MEMORY.
+/// Source: ITU-T T.81, as libjpeg reads it.
+RASTKIT_API ImgError LoadJPGFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// The same from `size` bytes of memory. Data that is cut is an error here, also behind the header.
+/// Errors: IMGERR_MEMORY, for null or empty data with "Can't read NULL JPEG data"; IMGERR_FORMAT.
+RASTKIT_API ImgError LoadJPGArrayHeader(const unsigned char* data, unsigned long size, IMGINFO* info);
+RASTKIT_API ImgError LoadJPGArray(
+    const unsigned char* data, unsigned long size, ImgBuffer& buffer, IMGINFO* info);

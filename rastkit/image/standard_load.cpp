@@ -1,5 +1,6 @@
 #include "rastkit/image/standard_load.h"
 
+#include "rastkit/codecs/jpeg_core.h"
 #include "rastkit/codecs/png_core.h"
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/model/load_dispatch.h"
@@ -23,9 +24,10 @@ struct CodecCore {
 
 // clang-format off
 constexpr CodecCore tableCodecCores[] = {
-    // type         pixels   header
-    { IMGTYPE_PNG,  loadPng, loadPngHeader },
-    { IMGTYPE_TGA,  loadTga, loadTgaHeader },
+    // type         pixels    header
+    { IMGTYPE_PNG,  loadPng,  loadPngHeader },
+    { IMGTYPE_TGA,  loadTga,  loadTgaHeader },
+    { IMGTYPE_JPEG, loadJpeg, loadJpegHeader },
 };
 // clang-format on
 

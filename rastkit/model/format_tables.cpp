@@ -42,7 +42,7 @@ const ImageLoader tableImageLoaders[imageLoaderCount] = {
     // extensions         pixels       header         content tag  type
     { ".PNG",             LoadPNGFile, LoadPNGHeader, nullptr,     IMGTYPE_PNG },
     { ".TGA",             LoadTGAFile, LoadTGAHeader, nullptr,     IMGTYPE_TGA },
-    { ".JPG|.JPEG|.JPE",  absentFile,  absentHeader,  nullptr,     IMGTYPE_JPEG },
+    { ".JPG|.JPEG|.JPE",  LoadJPGFile, LoadJPGHeader, nullptr,     IMGTYPE_JPEG },
     { ".BMP",             absentFile,  absentHeader,  nullptr,     IMGTYPE_BMP },
     { ".EXR",             absentFile,  absentHeader,  nullptr,     IMGTYPE_EXR },
     { ".HDR",             absentFile,  absentHeader,  nullptr,     IMGTYPE_HDR },

@@ -21,6 +21,8 @@ CharStringPair pngVersion()
 void rastkit_getImageLibVersions(Table<CharStringPair, 100>& rows)
 {
     rows.clear();
+    // Of the interface, not of the library behind it: version 62 is that of release 6b.
+    rows.add({ "libjpeg", "6b" });
     rows.add(pngVersion());
 }
 
