@@ -110,6 +110,21 @@ RASTKIT_API ImgError SaveTGAFile(const char* fileName, IMGINFO* info, float* pix
 RASTKIT_API ImgError SaveTGAFile_pb(
     const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);
 
+/// Writes packed pixels as a JPEG file of three components and quality 85; alpha is left out. Of `info` (not
+/// null) width and height count, 1 to 65500 each.
+/// Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE, other sizes included. Source: ITU-T T.81.
+RASTKIT_API ImgError SaveJPGFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// Writes nothing: JPEG takes no float pixels.
+/// Errors: IMGERR_UNSUPPORTED, always.
+RASTKIT_API ImgError SaveJPGFile(const char* fileName, IMGINFO* info, float* pixels);
+
+/// Writes one channel of a frame as a JPEG file of three components, of the quality that
+/// `JpegSettingsInterface::setJpegQuality` says; `alphaChannel` is ignored.
+/// Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE, sizes below 1 and above 65500 included.
+RASTKIT_API ImgError SaveJPGFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int rgbChannel, int alphaChannel, int flags);
+
 /// Writes packed pixels as an uncompressed TIFF file of four 8-bit samples. Red and blue are exchanged in the
 /// file: its samples are blue, green, red and alpha of each pixel. `info` is not null; its width and height
 /// count. Errors: IMGERR_OPEN; IMGERR_WRITE, also for a size below 1 and for files over 4 GiB. Source:

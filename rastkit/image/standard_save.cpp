@@ -1,5 +1,6 @@
 #include "rastkit/image/standard_save.h"
 
+#include "rastkit/codecs/jpeg_core.h"
 #include "rastkit/codecs/png_core.h"
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/codecs/tga_format.h"
@@ -126,6 +127,14 @@ ImgError saveTgaImage(const char* fileName, PixelBufferInterface& frame, int alp
     return saveTga(fileName, frame, colorChannel, alphaChannel, 0, TGA_TRUE_COLOR, Conventions::Standard);
 }
 
+/// Of so high a quality that a picture which is converted once shows nothing of it.
+constexpr int jpegImageQuality = 95;
+
+ImgError saveJpegImage(const char* fileName, PixelBufferInterface& frame, int, SampleDepth)
+{
+    return saveJpeg(fileName, frame, colorChannel, 0, jpegImageQuality, Conventions::Standard);
+}
+
 ImgError saveTiffImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth depth)
 {
     TiffSaveOptions options;
@@ -146,6 +155,7 @@ struct StandardWriter {
 constexpr StandardWriter tableStandardWriters[] = {
     { "png", savePngImage },
     { "tga", saveTgaImage },
+    { "jpg", saveJpegImage },
     { "tif", saveTiffImage },
 };
 // clang-format on

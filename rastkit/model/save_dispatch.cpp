@@ -33,6 +33,7 @@ constexpr ImageWriter tableImageWriters[] = {
     // extension  packed pixels  frame
     { "png",      SavePNGFile,   SavePNGFile_pb },
     { "tga",      SaveTGAFile,   SaveTGAFile_pb },
+    { "jpg",      SaveJPGFile,   SaveJPGFile_pb },
     { "tif",      SaveTIFFile,   SaveTIFFile_pb },
 };
 // clang-format on
