@@ -31,6 +31,7 @@ int main(int argc, char** argv)
 
     bench::addPngRows();
     bench::addTgaRows();
+    bench::addJpegRows();
     bench::addKernelRows();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -45,6 +45,7 @@ struct Row {
 void addRow(Row row);
 
 /// One for each file <format>_bench.cpp; main() calls them.
+void addJpegRows();
 void addKernelRows();
 void addPngRows();
 void addTgaRows();
