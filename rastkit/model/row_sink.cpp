@@ -40,16 +40,27 @@ ImgErrorCode RowSink::init(int width, int height)
     m_buffer.init(width, height);
     if (!m_buffer.isValid())
         return IMGERR_MEMORY;
+    setSize(width, height);
+    return IMGERR_NONE;
+}
+
+void RowSink::adopt(int width, int height)
+{
+    setSize(width, height);
+    m_handsOutStorage = false;
+}
+
+void RowSink::setSize(int width, int height)
+{
     m_width = std::max(width, 0);
     m_height = std::max(height, 0);
-    return IMGERR_NONE;
 }
 
 unsigned int* RowSink::beginRow(int y)
 {
     if (y < 0 || y >= m_height)
         return nullptr;
-    if (unsigned int* const storage = m_rows ? m_rows->rowData(y) : nullptr)
+    if (unsigned int* const storage = m_rows && m_handsOutStorage ? m_rows->rowData(y) : nullptr)
         return storage;
     if (!m_row)
         m_row.reset(new (std::nothrow) unsigned int[std::size_t(m_width)]);
@@ -66,7 +77,7 @@ float* RowSink::beginRowF(int y)
 {
     if (y < 0 || y >= m_height)
         return nullptr;
-    if (float* const storage = m_rows ? m_rows->rowDataF(y) : nullptr)
+    if (float* const storage = m_rows && m_handsOutStorage ? m_rows->rowDataF(y) : nullptr)
         return storage;
     if (!m_rowF)
         m_rowF.reset(new (std::nothrow) float[std::size_t(m_width) * 4]);

@@ -21,6 +21,9 @@ public:
 
     /// Sizes the sink. IMGERR_MEMORY when it has no storage afterwards.
     ImgErrorCode init(int width, int height);
+    /// For a sink that is sized already: stores there without sizing it. Since the sink may have another
+    /// size than is said here, its storage is not handed out.
+    void adopt(int width, int height);
 
     int width() const { return m_width; }
     int height() const { return m_height; }
@@ -45,12 +48,13 @@ public:
 
 private:
     bool clip(int& x, int y, int& count, int& skipped) const;
+    void setSize(int width, int height);
 
     ImgBuffer& m_buffer;
     ImgRowBuffer* m_rows; // Null when the sink takes single pixels only.
     std::unique_ptr<unsigned int[]> m_row;
     std::unique_ptr<float[]> m_rowF;
-    bool m_roundsToBytes;
+    bool m_roundsToBytes, m_handsOutStorage = true;
     int m_width = 0, m_height = 0;
 };
 

@@ -54,6 +54,22 @@ TEST(RowSink, SinkWithoutStorageIsAMemoryError)
     EXPECT_EQ(sink.init(3, 2), IMGERR_MEMORY);
 }
 
+TEST(RowSink, AdoptedSinkIsNotSizedAndKeepsItsStorage)
+{
+    QUtils::Image8 image;
+    image.init(2, 1);
+    RowSink sink(image);
+    sink.adopt(1000, 2);
+    unsigned int* const row = sink.beginRow(0);
+    ASSERT_NE(row, nullptr);
+    EXPECT_NE(row, image.rowData(0));
+    std::fill_n(row, 1000, 7u);
+    sink.endRow(0, row);
+    EXPECT_EQ(image.width(), 2);
+    EXPECT_EQ(image.pixel(1, 0), 7u);
+    EXPECT_EQ(sink.beginRowF(2), nullptr);
+}
+
 TEST(RowSink, RowsOfItsOwnReachASinkOfSinglePixels)
 {
     RecordingBuffer buffer;
