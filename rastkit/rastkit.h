@@ -19,6 +19,7 @@
 #include "rastkit/codecs/binary_io.h"
 #include "rastkit/codecs/tga.h"
 #include "rastkit/codecs/tiff.h"
+#include "rastkit/codecs/tiff_strip_decoder.h"
 #include "rastkit/formats.h"
 #include "rastkit/load.h"
 #include "rastkit/save.h"

@@ -45,8 +45,13 @@ EXPECT_SAME_TYPE(RawImageSettingsInterface);
 EXPECT_SAME_TYPE(TgaSettingsInterface);
 EXPECT_SAME_TYPE(ColorCorrectionSettingsInterface);
 EXPECT_SAME_TYPE(DefaultImageWriter);
+EXPECT_SAME_TYPE(BitStreamReader);
+EXPECT_SAME_TYPE(OrientedPixelBuffer);
+EXPECT_SAME_TYPE(Color);
 
 static_assert(std::is_aggregate_v<IMGINFO>);
+static_assert(std::is_aggregate_v<BitStreamReader>);
+static_assert(std::is_aggregate_v<OrientedPixelBuffer>);
 static_assert(std::is_convertible_v<ImgErrorCode, ImgError>);
 static_assert(std::is_base_of_v<QUtils::ErrorCode, ImgError>);
 static_assert(std::is_base_of_v<ImgBuffer, QUtils::ImgRowBuffer>);
@@ -67,6 +72,8 @@ TEST(PublicNames, FunctionsAreOneWhicheverWayTheyAreNamed)
     EXPECT_EQ(&rastkit_getImageLibVersions, &QUtils::rastkit_getImageLibVersions);
     EXPECT_EQ(&readTGAPixel, &QUtils::readTGAPixel);
     EXPECT_EQ(&read_long, &QUtils::read_long);
+    EXPECT_EQ(&getIntent, &QUtils::getIntent);
+    EXPECT_EQ(&tiff_read_data_chunk, &QUtils::tiff_read_data_chunk);
 }
 
 } // namespace
