@@ -83,3 +83,21 @@ RASTKIT_API ImgError LoadJPGFile(const char* fileName, ImgBuffer& buffer, IMGINF
 RASTKIT_API ImgError LoadJPGArrayHeader(const unsigned char* data, unsigned long size, IMGINFO* info);
 RASTKIT_API ImgError LoadJPGArray(
     const unsigned char* data, unsigned long size, ImgBuffer& buffer, IMGINFO* info);
+
+/// Fills width, height, bitsPerPixel, numChannels and bytesPerPixel (not null) from the first directory of a
+/// TIFF file. Bits per sample count as 8 and samples per pixel as 4 where the file does not say.
+/// Errors: IMGERR_OPEN, also for what is no TIFF file; IMGERR_FORMAT no width or height, no samples.
+RASTKIT_API ImgError LoadTIFHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes the first image of a TIFF file into `buffer` as float pixels; `info` (may be null) is filled as
+/// by `LoadTIFHeader`, before the pixels are read. Grey, RGB with or without alpha, palette and LogLuv
+/// images keep the precision of the file: integers of up to 32 and of 64 bits, floats of 32 and 64. All
+/// others are converted to 8 bits: alpha is 0, and blue is 1 unless the file has four samples. Orientations 5
+/// to 8 are taken for 1 to 4. After a failed strip or tile the sink is released. Errors: IMGERR_OPEN and
+/// IMGERR_FORMAT as above; IMGERR_FORMAT no colour map; IMGERR_MEMORY; IMGERR_READ cut or broken data;
+/// IMGERR_UNSUPPORTED; an ImgErrorCode that the sink throws. Source: TIFF 6.0.
+RASTKIT_API ImgError LoadTIFFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// The content hash in a TIFF file's image description (tag 270), as `getImageSHATag` copies it; 0 when
+/// there is none.
+RASTKIT_API int LoadTIFSHA(const char* fileName, char* out, int outSize);

@@ -6,8 +6,11 @@
 
 namespace QUtils {
 
-// The TIFF codec with the conventions said. SaveTIFFile_pb is saveTiff with Conventions::Renderer and the
-// process-wide settings.
+// The TIFF codec with the conventions said. LoadTIFHeader and LoadTIFFile are these with
+// Conventions::Renderer; SaveTIFFile_pb is saveTiff with it and the process-wide settings.
+
+ImgError loadTiffHeader(const char* fileName, IMGINFO* info, Conventions conventions);
+ImgError loadTiff(const char* fileName, ImgBuffer& buffer, IMGINFO* info, Conventions conventions);
 
 struct TiffSaveOptions {
     int bitsPerChannel = 8; ///< 8 or 16 unsigned, 32 float; every other number means 8.

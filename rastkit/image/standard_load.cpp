@@ -3,6 +3,7 @@
 #include "rastkit/codecs/jpeg_core.h"
 #include "rastkit/codecs/png_core.h"
 #include "rastkit/codecs/tga_core.h"
+#include "rastkit/codecs/tiff_core.h"
 #include "rastkit/model/load_dispatch.h"
 
 #include <algorithm>
@@ -28,6 +29,7 @@ constexpr CodecCore tableCodecCores[] = {
     { IMGTYPE_PNG,  loadPng,  loadPngHeader },
     { IMGTYPE_TGA,  loadTga,  loadTgaHeader },
     { IMGTYPE_JPEG, loadJpeg, loadJpegHeader },
+    { IMGTYPE_TIFF, loadTiff, loadTiffHeader },
 };
 // clang-format on
 

@@ -48,7 +48,7 @@ const ImageLoader tableImageLoaders[imageLoaderCount] = {
     { ".HDR",             absentFile,  absentHeader,  nullptr,     IMGTYPE_HDR },
     { ".SGI|.RGB|.RGBA",  absentFile,  absentHeader,  nullptr,     IMGTYPE_SGI },
     { ".PIC",             absentFile,  absentHeader,  nullptr,     IMGTYPE_PIC },
-    { ".TIF|.TIFF",       absentFile,  absentHeader,  nullptr,     IMGTYPE_TIFF },
+    { ".TIF|.TIFF",       LoadTIFFile, LoadTIFHeader, LoadTIFSHA,  IMGTYPE_TIFF },
     { ".PSD",             nullptr,     absentHeader,  nullptr,     IMGTYPE_PSD },
     { ".DDS",             absentFile,  absentHeader,  nullptr,     IMGTYPE_DDS },
 };

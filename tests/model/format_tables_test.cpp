@@ -1,5 +1,6 @@
 #include "rastkit/model/format_tables.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <png.h>
 #include <set>
 #include <string>
+#include <tiffio.h>
 
 namespace {
 
@@ -179,6 +181,18 @@ TEST(LibraryVersions, ReportReplacesWhatTheTableHeld)
         EXPECT_STRNE(row.first.c_str(), "stale");
         EXPECT_FALSE(row.second.empty());
     }
+}
+
+TEST(LibraryVersions, LibtiffIsNamedByItsNumber)
+{
+    Table<CharStringPair, 100> rows;
+    rastkit_getImageLibVersions(rows);
+    const auto* const row = std::find_if(rows.begin(), rows.end(),
+        [](const CharStringPair& pair) { return pair.first.c_str() == std::string("libtiff"); });
+    ASSERT_NE(row, rows.end());
+    EXPECT_EQ("LIBTIFF, Version " + std::string(row->second.c_str()),
+        std::string(TIFFGetVersion()).substr(0, 17 + std::size_t(row->second.length())));
+    EXPECT_THAT(row->second.c_str(), testing::MatchesRegex("[0-9]+[.][0-9.]+"));
 }
 
 } // namespace

@@ -73,6 +73,7 @@ TEST(PublicNames, FunctionsAreOneWhicheverWayTheyAreNamed)
     EXPECT_EQ(&readTGAPixel, &QUtils::readTGAPixel);
     EXPECT_EQ(&read_long, &QUtils::read_long);
     EXPECT_EQ(&getIntent, &QUtils::getIntent);
+    EXPECT_EQ(&setupTIFPalette, &QUtils::setupTIFPalette);
     EXPECT_EQ(&tiff_read_data_chunk, &QUtils::tiff_read_data_chunk);
 }
 

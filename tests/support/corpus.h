@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <sstream>
 #include <string>
@@ -82,40 +83,60 @@ inline std::multimap<std::string, PixelFigures> corpusFigures()
     return figures;
 }
 
-/// The figures of an image, for as many channels as are asked for: grey; grey and alpha; R, G, B; R, G, B
-/// and alpha.
-inline PixelFigures figuresOf(const QUtils::Image8& image, std::size_t channels)
+/// The figures of `width` x `height` pixels, for as many channels as are asked for: grey; grey and alpha;
+/// R, G, B; R, G, B and alpha. `valueAt(x, y, component)` is component 0 to 3, R, G, B or A, of a pixel.
+template <typename ValueAt>
+PixelFigures figuresOf(int width, int height, std::size_t channels, const ValueAt& valueAt)
 {
     const bool grey = channels < 3;
-    const auto valueOf = [&](unsigned int argb, std::size_t channel) {
-        const bool alpha = channel == (grey ? 1u : 3u);
-        const unsigned int shift = alpha ? 24 : grey ? 8 : 16 - 8 * unsigned(channel);
-        return double(argb >> shift & 0xFF) / 255;
-    };
-    PixelFigures figures { "", PixelFigures::Channels(channels, 1), PixelFigures::Channels(channels, 0),
+    PixelFigures figures { "", PixelFigures::Channels(channels, std::numeric_limits<double>::infinity()),
+        PixelFigures::Channels(channels, -std::numeric_limits<double>::infinity()),
         PixelFigures::Channels(channels, 0), {}, {} };
     for (std::size_t c = 0; c < channels; ++c) {
-        for (int y = 0; y < image.height(); ++y)
-            for (int x = 0; x < image.width(); ++x) {
-                const double value = valueOf(image.pixel(x, y), c);
+        const std::size_t component = grey && c == 1 ? 3 : c;
+        double counted = 0; // Smallest, largest and mean are of finite values.
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) {
+                const double value = valueAt(x, y, component);
+                if (!std::isfinite(value))
+                    continue;
+                ++counted;
                 figures.minimum[c] = std::min(figures.minimum[c], value);
                 figures.maximum[c] = std::max(figures.maximum[c], value);
                 figures.mean[c] += value;
             }
-        figures.mean[c] /= double(image.width()) * image.height();
-        figures.first.push_back(valueOf(image.pixel(0, 0), c));
-        figures.last.push_back(valueOf(image.pixel(image.width() - 1, image.height() - 1), c));
+        figures.mean[c] /= counted;
+        figures.first.push_back(valueAt(0, 0, component));
+        figures.last.push_back(valueAt(width - 1, height - 1, component));
     }
     return figures;
+}
+
+inline PixelFigures figuresOf(const QUtils::Image8& image, std::size_t channels)
+{
+    return figuresOf(image.width(), image.height(), channels, [&](int x, int y, std::size_t component) {
+        const unsigned int shift = component == 3 ? 24 : 16 - 8 * unsigned(component);
+        return double(image.pixel(x, y) >> shift & 0xFF) / 255;
+    });
+}
+
+inline PixelFigures figuresOf(const QUtils::ImageF& image, std::size_t channels)
+{
+    return figuresOf(image.width(), image.height(), channels, [&](int x, int y, std::size_t component) {
+        return double(image.row(y)[std::size_t(x) * 4 + component]);
+    });
 }
 
 /// Whether no figure differs by more than `tolerance` in the first `channels` channels.
 inline bool agree(const PixelFigures& a, const PixelFigures& b, std::size_t channels, double tolerance)
 {
+    const auto same = [&](double x, double y) {
+        return std::fabs(x - y) <= tolerance || x == y || (std::isnan(x) && std::isnan(y));
+    };
     for (const auto figure : { &PixelFigures::minimum, &PixelFigures::maximum, &PixelFigures::mean,
              &PixelFigures::first, &PixelFigures::last })
         for (std::size_t c = 0; c < channels; ++c)
-            if (!(std::fabs((a.*figure).at(c) - (b.*figure).at(c)) <= tolerance))
+            if (!same((a.*figure).at(c), (b.*figure).at(c)))
                 return false;
     return true;
 }

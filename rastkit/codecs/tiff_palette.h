@@ -1,0 +1,19 @@
+#pragma once
+
+#include "rastkit/codecs/tiff.h"
+#include "rastkit/model/conventions.h"
+#include "rastkit/types.h"
+
+namespace QUtils {
+
+/// Whether readTiffColorMap finds a map, and setupTIFPalette therefore leaves the handle open.
+bool hasTiffColorMap(TIFF* tiff);
+
+/// The file's colour map as the colours of indices of `bits` bits, at most 16. Those that the map lacks are
+/// black. IMGERR_FORMAT: there is no map; IMGERR_MEMORY.
+///
+/// Maps of 8-bit numbers, which some writers put where 16 bits belong, are black to the renderer. By the
+/// standard's conventions they are told by having no other numbers and are scaled.
+ImgErrorCode readTiffColorMap(TIFF* tiff, unsigned bits, Conventions conventions, Table<Color, 100>& palette);
+
+} // namespace QUtils
