@@ -232,6 +232,7 @@ void addPixelSinkRows(
 
 #ifndef RASTKIT_BENCH_OPENIMAGEIO
 void addOpenImageIoRows(const Codec&, const std::string&) { }
+void addOpenImageIoReadRow(const Codec&) { }
 #endif
 
 } // namespace bench

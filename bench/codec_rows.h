@@ -44,6 +44,8 @@ void addPixelSinkRows(
 /// "<name>/write/openimageio". `compression` is its name for what the variant does. Nothing is added where
 /// the benchmark was built without it.
 void addOpenImageIoRows(const Codec& codec, const std::string& compression);
+/// Only the first of the two.
+void addOpenImageIoReadRow(const Codec& codec);
 
 /// The file of a variant that is read: saved at the first call. Says what went wrong, or nothing.
 std::string makeInput(const Codec& codec);

@@ -29,9 +29,10 @@ int main(int argc, char** argv)
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data()))
         return 2;
 
+    bench::addJpegRows();
     bench::addPngRows();
     bench::addTgaRows();
-    bench::addJpegRows();
+    bench::addTiffRows();
     bench::addKernelRows();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

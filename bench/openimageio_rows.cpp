@@ -90,7 +90,9 @@ bool isFrameRead(const Codec& codec)
 
 bool writeFile(const Codec& codec, const std::string& compression, const std::string& path)
 {
-    OIIO::ImageSpec spec(frameWidth, frameHeight, codec.hasAlpha ? 4 : 3, typeOf(codec));
+    // Whole numbers of more than a byte have two.
+    const OIIO::TypeDesc stored = codec.isClamped ? OIIO::TypeDesc::UINT16 : typeOf(codec);
+    OIIO::ImageSpec spec(frameWidth, frameHeight, codec.hasAlpha ? 4 : 3, stored);
     spec["compression"] = compression;
     spec["png:compressionLevel"] = 5; // As this library's own writer has it; for PNG files only.
     spec["oiio:UnassociatedAlpha"] = 1;
@@ -101,7 +103,7 @@ bool writeFile(const Codec& codec, const std::string& compression, const std::st
 
 } // namespace
 
-void addOpenImageIoRows(const Codec& codec, const std::string& compression)
+void addOpenImageIoReadRow(const Codec& codec)
 {
     OIIO::attribute("threads", 1);
     OIIO::attribute("exr_threads", -1);
@@ -115,6 +117,11 @@ void addOpenImageIoRows(const Codec& codec, const std::string& compression)
     read.run = [codec, path = inputPath(codec)] { return readFile(codec, path); };
     read.verify = [codec] { return isFrameRead(codec); };
     addRow(read);
+}
+
+void addOpenImageIoRows(const Codec& codec, const std::string& compression)
+{
+    addOpenImageIoReadRow(codec);
 
     Row write;
     const std::string path = outputPath(codec, "openimageio");

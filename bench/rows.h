@@ -49,5 +49,6 @@ void addJpegRows();
 void addKernelRows();
 void addPngRows();
 void addTgaRows();
+void addTiffRows();
 
 } // namespace bench
