@@ -132,6 +132,10 @@ try {
     naming.setNumFrameDigits(frameDigits);
     naming.setRenderElementSeparateFolder(true);
     settings<QUtils::TgaSettingsInterface>(*writer).setTgaCompression(10); // Run-length encoded.
+    settings<QUtils::JpegSettingsInterface>(*writer).setJpegQuality(95);
+    auto& tiff = settings<QUtils::TiffSettingsInterface>(*writer);
+    tiff.setTiffBitsPerChannel(16);
+    tiff.setTiffInterleaved(1); // Every viewer reads that; the default is a plane for each component.
 
     bool complete = true;
     for (int format = 0; format < writer->getNumFileFormats(); ++format)

@@ -88,6 +88,39 @@ TEST_F(RenderFrame, EachChannelOfATargaFrameIsAFileInItsOwnFolder)
     EXPECT_EQ(written, expected);
 }
 
+/// The mean difference of the samples that count, where 255 is white.
+double meanDifference(const QUtils::Image8& a, const QUtils::Image8& b, bool hasAlpha)
+{
+    double sum = 0;
+    int count = 0;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            for (int shift = 0; shift < (hasAlpha ? 32 : 24); shift += 8, ++count)
+                sum += std::abs(int(a.pixel(x, y) >> shift & 0xFF) - int(b.pixel(x, y) >> shift & 0xFF));
+    return sum / count;
+}
+
+TEST_F(RenderFrame, EveryFormatHoldsTheSamePicture)
+{
+    const QUtils::Image8 targa = load("frame.0007.tga");
+    const struct {
+        const char* extension;
+        bool hasAlpha;
+        double tolerance;
+    } formats[] = {
+        { "jpg", false, 6 }, // Colours of two by two pixels are one, and the picture is small.
+        { "png", true, 0 }, { "tif", true, 0.01 }, // 16-bit samples, rounded when they become bytes again.
+    };
+    for (const auto& format : formats) {
+        QUtils::Image8 image;
+        const std::string name = *s_dir / (std::string("a/frame.0007.") + format.extension);
+        ASSERT_EQ(LoadImageFile(name.c_str(), image, nullptr).code(), IMGERR_NONE) << name;
+        ASSERT_EQ(image.width(), width) << name;
+        ASSERT_EQ(image.height(), height) << name;
+        EXPECT_LE(meanDifference(image, targa, format.hasAlpha), format.tolerance) << name;
+    }
+}
+
 TEST_F(RenderFrame, PrintsExactlyTheFilesThatItWrote)
 {
     const std::string prefix = *s_dir / "a/", text = output();
