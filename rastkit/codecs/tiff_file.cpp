@@ -51,20 +51,25 @@ public:
         return std::int64_t(done);
     }
 
+    /// Where the bytes can be made that are written next, so that to write them copies nothing. Null where
+    /// there is no room for them.
+    std::uint8_t* room(std::size_t count)
+    {
+        if (count > largestBlock || (count > largestBlock - m_blockSize && !flush()))
+            return nullptr;
+        if (m_blockSize == 0)
+            m_blockBegin = m_position;
+        return reserveBlock(largestBlock) ? m_block.get() + m_blockSize : nullptr;
+    }
+
     std::int64_t write(const void* from, std::size_t count)
     {
-        const bool goesOn = m_position == blockEnd() && count <= largestBlock - m_blockSize;
-        if (!goesOn && !flush())
+        if (m_position != blockEnd() && !flush())
             return -1;
-        if (count >= directBytes || !reserveBlock(largestBlock)) {
-            if (!flush() || !writeAll(m_position, from, count))
-                return -1;
-        } else {
-            if (m_blockSize == 0)
-                m_blockBegin = m_position;
-            std::memcpy(m_block.get() + m_blockSize, from, count);
-            m_blockSize += count;
-        }
+        if (m_blockSize == 0)
+            m_blockBegin = m_position;
+        if (!append(from, count))
+            return -1;
         m_position += count;
         return m_failed ? -1 : std::int64_t(count);
     }
@@ -104,6 +109,23 @@ private:
     static constexpr std::size_t directBytes = std::size_t(64) << 10;
 
     std::uint64_t blockEnd() const { return m_blockBegin + m_blockSize; }
+
+    /// Adds to what is in the block, or writes both.
+    bool append(const void* from, std::size_t count)
+    {
+        std::uint8_t* const place = count < directBytes || isMadeInPlace(from, count) ? room(count) : nullptr;
+        if (!place)
+            return flush() && writeAll(m_position, from, count);
+        if (from != place)
+            std::memcpy(place, from, count);
+        m_blockSize += count;
+        return true;
+    }
+
+    bool isMadeInPlace(const void* from, std::size_t count) const
+    {
+        return from == m_block.get() + m_blockSize && count <= m_blockCapacity - m_blockSize;
+    }
 
     bool reserveBlock(std::size_t bytes)
     {
@@ -291,6 +313,11 @@ bool TiffFile::close()
     const bool isStored = stream.close();
     TIFFClose(tiff);
     return isWritten && isStored;
+}
+
+void* tiffRoom(TIFF* tiff, std::size_t bytes)
+{
+    return streamOf(TIFFClientdata(tiff)).room(bytes);
 }
 
 std::uint64_t tiffFileBytes(TIFF* tiff)

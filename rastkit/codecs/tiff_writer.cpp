@@ -104,83 +104,129 @@ void storeNumbers(const float* samples, void* stored, std::size_t count)
     pixelKernels().floatToUInt16(samples, static_cast<std::uint16_t*>(stored), count);
 }
 
-/// Every `samples`-th of the stored samples, beginning with the first.
-template <typename Sample> void takePlane(const void* stored, int samples, void* plane, std::size_t count)
+/// How the bytes of whole pixels become those of the result: `places` are those of its bytes in a pixel.
+PixelArrangement arrangementOf(std::size_t pixelBytes, const std::uint8_t* places, std::size_t resultBytes)
 {
-    const auto* const from = static_cast<const Sample*>(stored);
-    auto* const to = static_cast<Sample*>(plane);
-    for (std::size_t i = 0; i < count; ++i)
-        to[i] = from[i * std::size_t(samples)];
+    PixelArrangement arrangement {};
+    arrangement.pixels = std::uint8_t(sizeof arrangement.source / pixelBytes);
+    arrangement.sourceBytes = std::uint8_t(pixelBytes);
+    arrangement.resultBytes = std::uint8_t(resultBytes);
+    for (std::size_t i = 0; i < arrangement.pixels * resultBytes; ++i)
+        arrangement.source[i] = std::uint8_t(i / resultBytes * pixelBytes + places[i % resultBytes]);
+    return arrangement;
 }
 
-/// Turns rows of floats into strips of one row.
+/// Turns rows of a frame into strips of one row.
 class RowWriter {
 public:
-    RowWriter(TIFF* tiff, const Layout& layout)
-        : m_tiff(tiff), m_layout(layout), m_store(tiffSampleStore(layout.bitsPerSample))
+    /// Rows of bytes have the order blue, green, red, alpha, rows of floats that of the file.
+    RowWriter(TIFF* tiff, const Layout& layout, bool takesBytes)
+        : m_tiff(tiff), m_layout(layout), m_takesBytes(takesBytes),
+          m_store(tiffSampleStore(layout.bitsPerSample))
     {
-        const std::size_t count = samplesInRow();
-        // What is stored as it comes needs no second row; planes are taken from the second row to a third.
-        const bool converts = !layout.isFloat || !layout.isInterleaved;
-        m_floats.reset(new (std::nothrow) float[count]);
-        if (converts)
-            m_stored.reset(new (std::nothrow) std::uint8_t[rowBytes() + layout.rowBytes()]);
-        m_isValid = m_floats && (m_stored || !converts);
+        chooseArrangements();
+        m_row.reset(new (std::nothrow) std::uint8_t[samplesInRow() * (takesBytes ? 1 : sizeof(float))]);
+        m_stored.reset(new (std::nothrow) std::uint8_t[samplesInRow() * layout.sampleBytes()]);
+        m_spare.reset(new (std::nothrow) std::uint8_t[layout.rowBytes()]);
     }
 
-    bool isValid() const { return m_isValid; }
-    float* floats() { return m_floats.get(); }
+    bool isValid() const { return m_row && m_stored && m_spare; }
+    /// Room for a row of the frame.
+    void* row() { return m_row.get(); }
 
+    /// Writes the row that was stored there.
     ImgErrorCode write(std::uint32_t y)
     {
-        const void* row = m_floats.get();
-        if (m_stored) {
-            m_store(m_floats.get(), m_stored.get(), samplesInRow());
-            row = m_stored.get();
-        }
-        return m_layout.isInterleaved ? writeStrip(m_tiff, y, row, m_layout.rowBytes()) : writePlanes(y, row);
+        return m_layout.isInterleaved ? writeInterleaved(y) : writePlanes(y);
     }
 
 private:
-    std::size_t samplesInRow() const { return std::size_t(m_layout.width) * std::size_t(m_layout.samples); }
-    std::size_t rowBytes() const { return samplesInRow() * m_layout.sampleBytes(); }
+    static constexpr std::uint8_t placesInBytes[4] = { 2, 1, 0, 3 };
 
-    ImgErrorCode writePlanes(std::uint32_t y, const void* row)
+    void chooseArrangements()
     {
-        void* const plane = m_stored.get() + rowBytes();
-        for (int s = 0; s < m_layout.samples; ++s) {
-            const auto* const first
-                = static_cast<const std::uint8_t*>(row) + std::size_t(s) * m_layout.sampleBytes();
-            switch (m_layout.bitsPerSample) {
-            case 8: takePlane<std::uint8_t>(first, m_layout.samples, plane, m_layout.width); break;
-            case 16: takePlane<std::uint16_t>(first, m_layout.samples, plane, m_layout.width); break;
-            default: takePlane<float>(first, m_layout.samples, plane, m_layout.width); break;
-            }
-            const std::uint32_t strip = std::uint32_t(s) * m_layout.height + y;
-            RASTKIT_TRY(writeStrip(m_tiff, strip, plane, m_layout.rowBytes()));
+        const std::size_t sampleBytes = m_layout.sampleBytes(), samples = std::size_t(m_layout.samples);
+        m_exchange = arrangementOf(samples, placesInBytes, samples);
+        for (std::size_t s = 0; s < samples; ++s) {
+            std::uint8_t places[sizeof(float)];
+            const std::size_t first = m_takesBytes ? placesInBytes[s] : s * sampleBytes;
+            for (std::size_t i = 0; i < sampleBytes; ++i)
+                places[i] = std::uint8_t(first + i);
+            m_planes[s] = arrangementOf(samples * sampleBytes, places, sampleBytes);
         }
+    }
+
+    std::size_t samplesInRow() const { return std::size_t(m_layout.width) * std::size_t(m_layout.samples); }
+    const float* floats() const { return reinterpret_cast<const float*>(m_row.get()); }
+    /// Where the bytes of the next strip are made.
+    void* strip()
+    {
+        void* const room = tiffRoom(m_tiff, m_layout.rowBytes());
+        return room ? room : m_spare.get();
+    }
+
+    ImgErrorCode writeInterleaved(std::uint32_t y)
+    {
+        if (m_takesBytes)
+            return writeArranged(y, m_exchange, m_row.get());
+        void* const bytes = strip();
+        m_store(floats(), bytes, samplesInRow());
+        return writeStrip(m_tiff, y, bytes, m_layout.rowBytes());
+    }
+
+    ImgErrorCode writePlanes(std::uint32_t y)
+    {
+        if (!m_takesBytes)
+            m_store(floats(), m_stored.get(), samplesInRow());
+        const std::uint8_t* const samples = m_takesBytes ? m_row.get() : m_stored.get();
+        for (std::uint32_t s = 0; s < std::uint32_t(m_layout.samples); ++s)
+            RASTKIT_TRY(writeArranged(s * m_layout.height + y, m_planes[s], samples));
         return IMGERR_NONE;
+    }
+
+    ImgErrorCode writeArranged(
+        std::uint32_t number, const PixelArrangement& arrangement, const std::uint8_t* pixels)
+    {
+        void* const bytes = strip();
+        pixelKernels().arrange(arrangement, pixels, static_cast<std::uint8_t*>(bytes), m_layout.width);
+        return writeStrip(m_tiff, number, bytes, m_layout.rowBytes());
     }
 
     TIFF* m_tiff;
     const Layout& m_layout;
+    bool m_takesBytes;
     TiffSampleStore m_store;
-    std::unique_ptr<float[]> m_floats;
-    std::unique_ptr<std::uint8_t[]> m_stored;
-    bool m_isValid;
+    PixelArrangement m_exchange {}, m_planes[4] {};
+    std::unique_ptr<std::uint8_t[]> m_row, m_stored, m_spare;
 };
 
-ImgErrorCode writeRows(TIFF* tiff, const Layout& layout, RowSource& rows)
+ImgErrorCode writeRows(TIFF* tiff, const Layout& layout, RowSource& rows, bool takesBytes)
 {
-    RowWriter writer(tiff, layout);
+    RowWriter writer(tiff, layout, takesBytes);
     if (!writer.isValid())
         return IMGERR_MEMORY;
     for (std::uint32_t y = 0; y < layout.height; ++y) {
-        if (!rows.fetch(int(y), writer.floats()))
+        if (!rows.fetch(int(y), writer.row()))
             return IMGERR_WRITE;
         RASTKIT_TRY(writer.write(y));
     }
     return IMGERR_NONE;
+}
+
+/// 8, 16 or 32; every other number means 8.
+int bitsOf(const TiffSaveOptions& options)
+{
+    const bool isKnown = options.bitsPerChannel == 16 || options.bitsPerChannel == 32;
+    return isKnown ? options.bitsPerChannel : 8;
+}
+
+/// Three or four floats a pixel, or as many bytes.
+RowQuery queryOf(int channel, int alphaChannel, bool takesBytes)
+{
+    const bool alpha = alphaChannel >= 0;
+    const int bytes = alpha ? PIXELFORMAT_BGRA_UINT8 : PIXELFORMAT_BGR_UINT8;
+    const int floats = alpha ? PIXELFORMAT_RGBA_FLOAT : PIXELFORMAT_RGB_FLOAT;
+    return { channel, alpha ? alphaChannel : -1, takesBytes ? bytes : floats };
 }
 
 Layout frameLayout(const RowSource& rows, int samples, const TiffSaveOptions& options)
@@ -188,8 +234,7 @@ Layout frameLayout(const RowSource& rows, int samples, const TiffSaveOptions& op
     Layout layout {};
     layout.width = std::uint32_t(rows.width());
     layout.height = std::uint32_t(rows.height());
-    const bool isKnown = options.bitsPerChannel == 16 || options.bitsPerChannel == 32;
-    layout.bitsPerSample = isKnown ? options.bitsPerChannel : 8;
+    layout.bitsPerSample = bitsOf(options);
     layout.samples = samples;
     layout.isFloat = layout.bitsPerSample == 32;
     layout.isInterleaved = options.isInterleaved;
@@ -206,7 +251,7 @@ bool needsBigTiff(const Layout& layout)
     return layout.imageBytes() + strips * 16 + tagBytes > classicBytes;
 }
 
-ImgErrorCode writeFrame(TiffFile& tiff, const Layout& layout, RowSource& rows)
+ImgErrorCode writeFrame(TiffFile& tiff, const Layout& layout, RowSource& rows, bool takesBytes)
 {
     if (rows.width() < 1 || rows.height() < 1)
         return IMGERR_WRITE;
@@ -214,7 +259,7 @@ ImgErrorCode writeFrame(TiffFile& tiff, const Layout& layout, RowSource& rows)
         return IMGERR_MEMORY;
     if (!writeTags(tiff, layout))
         return IMGERR_WRITE;
-    RASTKIT_TRY(writeRows(tiff, layout, rows));
+    RASTKIT_TRY(writeRows(tiff, layout, rows, takesBytes));
     return close(tiff);
 }
 
@@ -235,24 +280,24 @@ TiffSampleStore tiffSampleStore(int bits)
 ImgError saveTiff(const char* fileName, PixelBufferInterface& frame, int channel, int alphaChannel, int flags,
     const TiffSaveOptions& options, Conventions conventions)
 {
-    const bool alpha = alphaChannel >= 0;
-    const RowQuery query { channel, alpha ? alphaChannel : -1,
-        alpha ? PIXELFORMAT_RGBA_FLOAT : PIXELFORMAT_RGB_FLOAT };
     LibTIFF_StopWarnings();
     try {
-        RowSource rows(frame, query, findCorrectedPixels(frame), getIntent(flags));
-        Layout layout = frameLayout(rows, alpha ? 4 : 3, options);
+        ColorCorrectedPixelsInterface* const corrected = findCorrectedPixels(frame);
+        const bool takesBytes
+            = bitsOf(options) == 8 && !corrected && keepsBytes(frame, channel, alphaChannel);
+        RowSource rows(frame, queryOf(channel, alphaChannel, takesBytes), corrected, getIntent(flags));
+        Layout layout = frameLayout(rows, alphaChannel >= 0 ? 4 : 3, options);
         const char* mode = "w";
         if (conventions == Conventions::Standard) {
             if (rows.width() < 1 || rows.height() < 1)
                 return IMGERR_UNSUPPORTED;
-            layout.saysAlpha = alpha;
+            layout.saysAlpha = alphaChannel >= 0;
             mode = needsBigTiff(layout) ? "w8" : "w";
         }
         TiffFile tiff(fileName, mode);
         if (!tiff)
             return makeOpenError();
-        return writeFrame(tiff, layout, rows);
+        return writeFrame(tiff, layout, rows, takesBytes);
     } catch (ImgErrorCode code) {
         return code;
     } catch (...) {

@@ -1,23 +1,15 @@
 #include "rastkit/model/row_sink.h"
 
 #include "rastkit/model/clip.h"
+#include "rastkit/model/type_information.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <new>
-#include <typeinfo>
 
 namespace QUtils {
 
 namespace {
-
-/// A class that was compiled without run-time type information has a null entry in front of its virtual
-/// functions (Itanium C++ ABI, 2.5.2), which dynamic_cast would follow. Renderers are built that way.
-bool hasTypeInformation(const ImgBuffer& buffer)
-{
-    const void* const* const functions = *reinterpret_cast<const void* const* const*>(&buffer);
-    return functions[-1] != nullptr;
-}
 
 ImgRowBuffer* asRowBuffer(ImgBuffer& buffer)
 {
@@ -28,8 +20,7 @@ ImgRowBuffer* asRowBuffer(ImgBuffer& buffer)
 
 // A class derived from Image8 may treat floats in its own way.
 RowSink::RowSink(ImgBuffer& buffer)
-    : m_buffer(buffer), m_rows(asRowBuffer(buffer)),
-      m_roundsToBytes(m_rows && typeid(*m_rows) == typeid(Image8))
+    : m_buffer(buffer), m_rows(asRowBuffer(buffer)), m_roundsToBytes(m_rows && isExactly<Image8>(*m_rows))
 {
 }
 

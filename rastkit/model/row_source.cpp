@@ -1,5 +1,7 @@
 #include "rastkit/model/row_source.h"
 
+#include "rastkit/buffers.h"
+#include "rastkit/model/type_information.h"
 #include "rastkit/save.h"
 
 #include <algorithm>
@@ -20,6 +22,14 @@ ColorCorrectedPixelsInterface* findCorrectedPixels(PixelBufferInterface& buffer)
     // The interface stays its plug-in's: it is asked for anew by each writer and never handed back.
     return static_cast<ColorCorrectedPixelsInterface*>(
         plugin->newInterface(ColorCorrectedPixelsInterface::interfaceId));
+}
+
+bool keepsBytes(PixelBufferInterface& buffer, int channel, int alphaChannel)
+{
+    if (!isExactly<FrameBuffer>(buffer)) // A class derived from it may answer queries in its own way.
+        return false;
+    FrameBuffer& frame = static_cast<FrameBuffer&>(buffer);
+    return frame.rowPacked(channel, 0) && (alphaChannel < 0 || frame.rowPacked(alphaChannel, 0));
 }
 
 std::size_t pixelBytesOf(int format)

@@ -13,6 +13,11 @@ RASTKIT_API int getIntent(int flags);
 /// The frame's corrected pixels, if its plug-in offers them, else null.
 ColorCorrectedPixelsInterface* findCorrectedPixels(PixelBufferInterface& buffer);
 
+/// Whether the frame is a FrameBuffer that keeps both channels (a negative `alphaChannel` is none) as bytes.
+/// Its floats are those bytes divided by 255, so a writer that would round them to bytes again may as well
+/// ask for the bytes: the samples are the same.
+bool keepsBytes(PixelBufferInterface& buffer, int channel, int alphaChannel);
+
 /// What a writer asks a frame for, row by row.
 struct RowQuery {
     int channel;

@@ -152,6 +152,46 @@ TEST_P(TiffWriterSamples, FileIsTheOneThatScanlinesMake)
     EXPECT_EQ(readFile(m_name), readFile(other));
 }
 
+// --- Bytes of a ready-made frame ---------------------------------------------------------------------------
+
+/// A frame of packed pixels that hides what it is, so that it is asked for floats.
+class HiddenFrame : public QUtils::FrameBuffer {
+public:
+    using FrameBuffer::FrameBuffer;
+};
+
+template <typename Frame> Frame packedFrame(int width, int height)
+{
+    Frame frame(width, height);
+    frame.addChannel("color", 1, 4, QUtils::FrameSample::Packed8);
+    frame.addChannel("alpha", 2, 3, QUtils::FrameSample::Packed8);
+    std::mt19937 random(11);
+    for (int channel = 0; channel < 2; ++channel)
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+                frame.rowPacked(channel, y)[x] = std::uint32_t(random());
+    return frame;
+}
+
+TEST_F(TiffWriter, BytesOfAFrameBufferMakeTheFileThatItsFloatsMake)
+{
+    for (const int width : { 1, 7, 67 })
+        for (const int interleaved : { 0, 1 })
+            for (const int bits : { 8, 16, 32 })
+                for (const int alphaChannel : { noAlpha, 0, 1 }) {
+                    set(bits, interleaved);
+                    auto plain = packedFrame<QUtils::FrameBuffer>(width, 3);
+                    auto hidden = packedFrame<HiddenFrame>(width, 3);
+                    ASSERT_EQ(codeOf(SaveTIFFile_pb(m_name.c_str(), plain, 0, alphaChannel, 0)), IMGERR_NONE);
+                    const Bytes fromBytes = readFile(m_name);
+                    ASSERT_EQ(
+                        codeOf(SaveTIFFile_pb(m_name.c_str(), hidden, 0, alphaChannel, 0)), IMGERR_NONE);
+                    EXPECT_EQ(fromBytes, readFile(m_name))
+                        << width << ' ' << interleaved << ' ' << bits << ' ' << alphaChannel;
+                    EXPECT_EQ(OpenTiff(m_name).number(TIFFTAG_BITSPERSAMPLE), unsigned(bits));
+                }
+}
+
 // --- What the frame is asked
 // --------------------------------------------------------------------------------
 

@@ -1,5 +1,6 @@
 #include "rastkit/model/row_source.h"
 
+#include "rastkit/buffers.h"
 #include "support/frame_double.h"
 
 #include <gtest/gtest.h>
@@ -90,6 +91,27 @@ TEST(Intent, IsThreeUnlessTheFlagIsSet)
     EXPECT_EQ(getIntent(0), 3);
     EXPECT_EQ(getIntent(~0x200), 3);
     EXPECT_EQ(getIntent(0x200), 0);
+}
+
+TEST(RowSource, OnlyAFrameBufferItselfIsKnownToKeepBytes)
+{
+    struct OwnAnswers : QUtils::FrameBuffer {
+        OwnAnswers() : FrameBuffer(2, 2) { }
+    } ownAnswers;
+    QUtils::FrameBuffer frame(2, 2);
+    for (QUtils::FrameBuffer* const buffer : { static_cast<QUtils::FrameBuffer*>(&ownAnswers), &frame }) {
+        ASSERT_EQ(buffer->addChannel("bytes", 1, 4, QUtils::FrameSample::Packed8), 0);
+        ASSERT_EQ(buffer->addChannel("floats", 2, 4, QUtils::FrameSample::Float), 1);
+    }
+    EXPECT_TRUE(QUtils::keepsBytes(frame, 0, -1));
+    EXPECT_TRUE(QUtils::keepsBytes(frame, 0, 0));
+    EXPECT_FALSE(QUtils::keepsBytes(frame, 0, 1));
+    EXPECT_FALSE(QUtils::keepsBytes(frame, 1, -1));
+    EXPECT_FALSE(QUtils::keepsBytes(frame, 2, -1));
+    EXPECT_FALSE(QUtils::keepsBytes(frame, -1, -1));
+    EXPECT_FALSE(QUtils::keepsBytes(ownAnswers, 0, -1));
+    FrameDouble other(2, 2);
+    EXPECT_FALSE(QUtils::keepsBytes(other, 0, -1));
 }
 
 } // namespace
