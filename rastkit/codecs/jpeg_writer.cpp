@@ -173,12 +173,6 @@ ImgErrorCode writePacked(std::FILE* file, const IMGINFO& info, unsigned int* pix
     return fenceJpeg(jpeg, writePackedRows);
 }
 
-/// The end of every writer. What the system tells only now is a failure as well.
-ImgErrorCode close(FilePtr& file)
-{
-    return file.close() == 0 ? IMGERR_NONE : IMGERR_WRITE;
-}
-
 } // namespace
 
 // --- Public functions --------------------------------------------------------------------------------------
@@ -195,7 +189,7 @@ ImgError saveJpeg(const char* fileName, PixelBufferInterface& frame, int channel
     if (!file)
         return makeOpenError();
     RASTKIT_TRY(writeFrame(file, rows, quality));
-    return close(file);
+    return closeWritten(file);
 }
 
 } // namespace QUtils
@@ -207,7 +201,7 @@ ImgError SaveJPGFile(const char* fileName, IMGINFO* info, unsigned int* pixels)
     if (!file)
         return makeOpenError();
     RASTKIT_TRY(writePacked(file, *info, pixels));
-    return close(file);
+    return closeWritten(file);
 }
 
 ImgError SaveJPGFile(const char*, IMGINFO*, float*)

@@ -135,12 +135,6 @@ bool isPacked(const IMGINFO& info)
     return info.numChannels != 0 && std::int64_t(info.bitsPerPixel) / info.numChannels == 8;
 }
 
-/// The end of every writer. What the system tells only now is a failure as well.
-ImgErrorCode close(FilePtr& file)
-{
-    return file.close() == 0 ? IMGERR_NONE : IMGERR_WRITE;
-}
-
 } // namespace
 
 // --- Public functions ------------------------------------------------------------------------------------
@@ -165,7 +159,7 @@ ImgError savePng(const char* fileName, PixelBufferInterface& frame, int channel,
     const int colorType = alpha ? PNG_COLOR_TYPE_RGB_ALPHA : PNG_COLOR_TYPE_RGB;
     RASTKIT_TRY(writer.begin(rows.width(), rows.height(), bits, colorType, compression));
     RASTKIT_TRY(writeRows(writer, rows));
-    return close(file);
+    return closeWritten(file);
 }
 
 } // namespace QUtils
@@ -183,7 +177,7 @@ ImgError SavePNGFile(const char* fileName, IMGINFO* info, unsigned int* pixels)
     for (int y = 0; y < info->height; ++y)
         RASTKIT_TRY(writer.writeRow(pixels + std::size_t(y) * std::size_t(info->width)));
     RASTKIT_TRY(writer.end());
-    return close(file);
+    return closeWritten(file);
 }
 
 ImgError SavePNGFile(const char*, IMGINFO*, float*)

@@ -172,12 +172,6 @@ ImgErrorCode checkWritable(int width, int height, int imageType)
     return IMGERR_NONE;
 }
 
-/// The end of every writer. What the system tells only now is a failure as well.
-ImgErrorCode close(FilePtr& file)
-{
-    return file.close() == 0 ? IMGERR_NONE : IMGERR_WRITE;
-}
-
 } // namespace
 
 // --- Public functions ------------------------------------------------------------------------------------
@@ -213,7 +207,7 @@ ImgError saveTga(const char* fileName, PixelBufferInterface& frame, int channel,
     if (!rows.isAskable())
         return IMGERR_MEMORY;
     RASTKIT_TRY(writeRows(file, rows, imageType));
-    return close(file);
+    return closeWritten(file);
 }
 
 } // namespace QUtils
@@ -226,7 +220,7 @@ ImgError SaveTGAFile(const char* fileName, IMGINFO* info, unsigned int* pixels)
         return makeOpenError();
     RASTKIT_TRY(writeHeader(file, TGA_TRUE_COLOR, info->width, info->height, info->bitsPerPixel));
     RASTKIT_TRY(writeArray(file, *info, pixels));
-    return close(file);
+    return closeWritten(file);
 }
 
 ImgError SaveTGAFile(const char*, IMGINFO*, float*)

@@ -17,4 +17,10 @@ inline FilePtr openUnbuffered(const char* name, const char* mode) noexcept
     return file;
 }
 
+/// The end of every writer. What the system tells only now is a failure as well.
+[[nodiscard]] inline ImgErrorCode closeWritten(FilePtr& file) noexcept
+{
+    return file.close() == 0 ? IMGERR_NONE : IMGERR_WRITE;
+}
+
 } // namespace QUtils

@@ -27,15 +27,7 @@ const std::set<std::string> damaged = {
     "jpeg/zune-image/small-img.jpg",
 };
 
-class JpegCorpus : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (corpusFolder().empty())
-            GTEST_SKIP() << "RASTKIT_CORPUS names no folder of real files";
-    }
-    static std::string path(const std::string& file) { return (corpusFolder() / file).string(); }
-};
+class JpegCorpus : public CorpusTest { };
 
 TEST_F(JpegCorpus, EveryFileIsReadOrRefusedInOrder)
 {
@@ -127,10 +119,7 @@ TEST_F(JpegCorpus, PicturesAgreeWithAnotherDecoder)
 
 TEST_F(JpegCorpus, FilesThatNobodyReadsAreAnError)
 {
-    std::set<std::string> readable;
-    for (const auto& row : corpusTable("expected.tsv"))
-        if (row.size() > 6 && row[6] == "ok")
-            readable.insert(row[0]);
+    const std::set<std::string> readable = filesReadByOthers();
     int refused = 0;
     for (const std::string& file : corpusFiles("jpeg")) {
         if (readable.count(file))

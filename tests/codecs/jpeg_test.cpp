@@ -3,9 +3,11 @@
 #include "rastkit/formats.h"
 #include "rastkit/load.h"
 #include "support/jpeg_bytes.h"
+#include "support/open_files.h"
 #include "support/recording_buffer.h"
 #include "support/sink_without_rtti.h"
 #include "support/temp_file.h"
+#include "support/throwing_sink.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -542,34 +544,6 @@ TEST_F(JpegLoad, StreamIsReadToo)
     EXPECT_EQ(codeOf(LoadJPGFile((m_folder / "fifo").c_str(), image, nullptr)), IMGERR_NONE);
     writer.join();
     EXPECT_EQ(image.pixel(0, 0), packed(*decodeJpeg(bytes))[0]);
-}
-
-/// Throws at a chosen call.
-class ThrowingSink : public RecordingBuffer {
-public:
-    void init(int newWidth, int newHeight) override
-    {
-        RecordingBuffer::init(newWidth, newHeight);
-        if (throwInInit)
-            throw std::runtime_error("init");
-    }
-    void setPixel(int x, int y, unsigned int argb) override
-    {
-        if (order.size() == throwAtPixel)
-            throw std::runtime_error("setPixel");
-        RecordingBuffer::setPixel(x, y, argb);
-    }
-
-    bool throwInInit = false;
-    std::size_t throwAtPixel = SIZE_MAX;
-};
-
-int openFiles()
-{
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        ++count;
-    return count;
 }
 
 TEST_F(JpegLoad, ExceptionOfTheSinkReachesTheCallerWithTheFileClosed)

@@ -7,6 +7,7 @@
 #include "rastkit/writer/settings.h"
 #include "support/frame_double.h"
 #include "support/jpeg_bytes.h"
+#include "support/open_files.h"
 #include "support/recording_buffer.h"
 #include "support/temp_file.h"
 
@@ -276,14 +277,6 @@ TEST_F(JpegSave, FullDeviceIsAWriteError)
         EXPECT_EQ(codeOf(SaveJPGFile("/dev/full", &info, pixels.data())), IMGERR_WRITE) << width;
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-int openFiles()
-{
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        ++count;
-    return count;
 }
 
 TEST_F(JpegSave, FilesAreClosedOnEveryPath)

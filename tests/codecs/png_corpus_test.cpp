@@ -30,14 +30,8 @@ const std::map<std::string, std::string> readByUsOnly = {
         "its text inflates to more than they allow; texts are left alone" },
 };
 
-class PngCorpus : public testing::Test {
+class PngCorpus : public CorpusTest {
 protected:
-    void SetUp() override
-    {
-        if (corpusFolder().empty())
-            GTEST_SKIP() << "RASTKIT_CORPUS names no folder of real files";
-    }
-    static std::string path(const std::string& file) { return (corpusFolder() / file).string(); }
     static int load(const std::string& file, Image8& image)
     {
         return codeOf(QUtils::loadPng(path(file).c_str(), image, nullptr, Conventions::Standard));
@@ -162,10 +156,7 @@ TEST_F(PngCorpus, PublicTestSuiteIsReadButForItsDamagedFiles)
 
 TEST_F(PngCorpus, FilesThatNobodyReadsAreAnError)
 {
-    std::set<std::string> readable;
-    for (const auto& row : corpusTable("expected.tsv"))
-        if (row.size() > 6 && row[6] == "ok")
-            readable.insert(row[0]);
+    const std::set<std::string> readable = filesReadByOthers();
     for (const std::string& file : corpusFiles("png")) {
         if (readable.count(file) || readByUsOnly.count(file))
             continue;

@@ -1,9 +1,11 @@
 #include "rastkit/buffers.h"
 #include "rastkit/codecs/png_core.h"
 #include "rastkit/load.h"
+#include "support/open_files.h"
 #include "support/png_bytes.h"
 #include "support/recording_buffer.h"
 #include "support/sink_without_rtti.h"
+#include "support/throwing_sink.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -789,37 +791,12 @@ TEST(PngLoad, SinkThatIsNotValidIsAMemoryError)
     }
 }
 
-/// Throws at a pixel, or from `init`.
-class ThrowingSink : public RecordingBuffer {
-public:
-    void init(int newWidth, int newHeight) override
-    {
-        RecordingBuffer::init(newWidth, newHeight);
-        if (throwAt < 0)
-            throw std::runtime_error("init");
-    }
-    void setPixel(int x, int y, unsigned int argb) override
-    {
-        if (int(order.size()) == throwAt)
-            throw std::runtime_error("pixel");
-        RecordingBuffer::setPixel(x, y, argb);
-    }
-    void setPixelF(int x, int y, const float* rgba) override
-    {
-        if (int(order.size()) == throwAt)
-            throw std::runtime_error("pixel");
-        RecordingBuffer::setPixelF(x, y, rgba);
-    }
-
-    int throwAt = 0;
-};
-
-int openFiles()
+/// A sink that throws in `init` or, from 0 on, at a pixel.
+void setThrowing(ThrowingSink& sink, int throwAt)
 {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        count += entry.is_symlink() ? 1 : 0;
-    return count;
+    sink.throwInInit = throwAt < 0;
+    if (throwAt >= 0)
+        sink.throwAtPixel = std::size_t(throwAt);
 }
 
 TEST(PngLoad, ExceptionOfTheSinkPassesAndTheSinkIsFreed)
@@ -830,7 +807,7 @@ TEST(PngLoad, ExceptionOfTheSinkPassesAndTheSinkIsFreed)
                 const PngBytes file = pictureOf({ PngBytes::rgb, depth }, 3, 3, interlace);
                 writeScratch(file.bytes());
                 ThrowingSink sink;
-                sink.throwAt = throwAt;
+                setThrowing(sink, throwAt);
                 const int before = openFiles();
                 EXPECT_THROW(
                     static_cast<void>(LoadPNGFile(scratchFile(), sink, nullptr)), std::runtime_error);
@@ -838,7 +815,7 @@ TEST(PngLoad, ExceptionOfTheSinkPassesAndTheSinkIsFreed)
                 EXPECT_EQ(openFiles(), before);
                 const Bytes bytes = file.bytes();
                 ThrowingSink second;
-                second.throwAt = throwAt;
+                setThrowing(second, throwAt);
                 EXPECT_THROW(static_cast<void>(LoadPNGArray(bytes.data(), bytes.size(), second, nullptr)),
                     std::runtime_error);
                 EXPECT_EQ(second.freeCalls, 1);

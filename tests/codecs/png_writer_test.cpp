@@ -4,6 +4,7 @@
 #include "rastkit/save.h"
 #include "rastkit/writer/settings.h"
 #include "support/frame_double.h"
+#include "support/open_files.h"
 #include "support/png_bytes.h"
 #include "support/recording_buffer.h"
 
@@ -63,15 +64,6 @@ ReadBack readBack(const std::string& name)
                 read.bitDepth == 16 ? unsigned(rows[y][2 * i] << 8 | rows[y][2 * i + 1]) : rows[y][i]);
     png_destroy_read_struct(&png, &info, nullptr);
     return read;
-}
-
-/// Number of files that this process has open.
-int openFiles()
-{
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        count += entry.is_symlink() ? 1 : 0;
-    return count;
 }
 
 /// Puts the process-wide settings back.

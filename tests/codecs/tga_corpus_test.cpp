@@ -36,15 +36,7 @@ const std::map<std::string, std::string> readByUsOnly = {
     { "tga/openimageio/crash1707.tga", "its last packet goes past the image" },
 };
 
-class TgaCorpus : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (corpusFolder().empty())
-            GTEST_SKIP() << "RASTKIT_CORPUS names no folder of real files";
-    }
-    static std::string path(const std::string& file) { return (corpusFolder() / file).string(); }
-};
+class TgaCorpus : public CorpusTest { };
 
 TEST_F(TgaCorpus, EveryFileIsReadOrRefusedInOrder)
 {
@@ -105,10 +97,7 @@ TEST_F(TgaCorpus, PicturesAgreeWithAnotherDecoder)
 
 TEST_F(TgaCorpus, FilesThatNobodyReadsAreAnError)
 {
-    std::set<std::string> readable;
-    for (const auto& row : corpusTable("expected.tsv"))
-        if (row.size() > 6 && row[6] == "ok")
-            readable.insert(row[0]);
+    const std::set<std::string> readable = filesReadByOthers();
     for (const std::string& file : corpusFiles("tga")) {
         if (readable.count(file) || readByUsOnly.count(file))
             continue;

@@ -3,10 +3,12 @@
 #include "rastkit/buffers.h"
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/load.h"
+#include "support/open_files.h"
 #include "support/recording_buffer.h"
 #include "support/sink_without_rtti.h"
 #include "support/temp_file.h"
 #include "support/tga_bytes.h"
+#include "support/throwing_sink.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -784,34 +786,6 @@ TEST(TgaLoad, EveryHeaderFieldMayBeZeroOrLargest)
 }
 
 // --- Sinks -------------------------------------------------------------------------------------------------
-
-/// Throws at a chosen call.
-class ThrowingSink : public RecordingBuffer {
-public:
-    void init(int newWidth, int newHeight) override
-    {
-        RecordingBuffer::init(newWidth, newHeight);
-        if (throwInInit)
-            throw std::runtime_error("init");
-    }
-    void setPixel(int x, int y, unsigned int argb) override
-    {
-        if (order.size() == throwAtPixel)
-            throw std::runtime_error("setPixel");
-        RecordingBuffer::setPixel(x, y, argb);
-    }
-
-    bool throwInInit = false;
-    std::size_t throwAtPixel = SIZE_MAX;
-};
-
-int openFiles()
-{
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        ++count;
-    return count;
-}
 
 TEST(TgaLoad, ExceptionOfTheSinkReachesTheCallerWithTheFileClosed)
 {

@@ -53,15 +53,7 @@ const std::map<std::string, std::string> readByUsOnly = {
     { "tiff/image-tiff/gradient-3c-64b.tiff", "integers of 64 bits" },
 };
 
-class TiffCorpus : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (corpusFolder().empty())
-            GTEST_SKIP() << "RASTKIT_CORPUS names no folder of real files";
-    }
-    static std::string path(const std::string& file) { return (corpusFolder() / file).string(); }
-};
+class TiffCorpus : public CorpusTest { };
 
 TEST_F(TiffCorpus, EveryFileIsReadOrRefusedInOrder)
 {
@@ -123,10 +115,7 @@ TEST_F(TiffCorpus, PicturesAgreeWithAnotherDecoder)
 
 TEST_F(TiffCorpus, FilesThatNobodyReadsAreAnError)
 {
-    std::set<std::string> readable;
-    for (const auto& row : corpusTable("expected.tsv"))
-        if (row.size() > 6 && row[6] == "ok")
-            readable.insert(row[0]);
+    const std::set<std::string> readable = filesReadByOthers();
     for (const std::string& file : corpusFiles("tiff")) {
         if (readable.count(file) || readByUsOnly.count(file))
             continue;

@@ -3,6 +3,7 @@
 #include "rastkit/buffers.h"
 #include "rastkit/codecs/tiff_core.h"
 #include "rastkit/load.h"
+#include "support/open_files.h"
 #include "support/recording_buffer.h"
 #include "support/temp_file.h"
 #include "support/tiff_bytes.h"
@@ -69,12 +70,6 @@ struct Loaded {
     IMGINFO info {};
     int code = -1;
 };
-
-std::size_t openFiles()
-{
-    const std::filesystem::directory_iterator files("/proc/self/fd");
-    return std::size_t(std::distance(begin(files), end(files)));
-}
 
 TiffBytes rgb8()
 {
@@ -309,7 +304,7 @@ TEST(TiffPalette, FileWithoutAColorMapIsClosed)
 {
     const TempDir folder;
     writeFile(folder / "grey.tif", sixGreys().bytes());
-    const std::size_t before = openFiles();
+    const int before = openFiles();
     TIFF* const tiff = my_TIFFOpen((folder / "grey.tif").c_str(), "r");
     ASSERT_NE(tiff, nullptr);
     EXPECT_EQ(openFiles(), before + 1);
@@ -742,7 +737,7 @@ TEST(TiffLoad, FileCutAtEveryLengthEndsInOrder)
         .tileLength = 16,
         .chunks = { Bytes(512, 3) } });
     files.push_back({ .width = 2, .samples = 4, .photometric = 5, .chunks = { Bytes(8, 3) } });
-    const std::size_t before = openFiles();
+    const int before = openFiles();
     for (const TiffBytes& file : files) {
         const Bytes whole = file.bytes();
         for (std::size_t size = 0; size < whole.size(); ++size)
@@ -821,7 +816,7 @@ TEST(TiffLoad, ExceptionOfTheSinkPassesThrough)
     TiffBytes inks { .samples = 4, .photometric = 5, .chunks = { Bytes(4) } };
     for (const TiffBytes& file : { rgb8(), inks }) {
         writeFile(folder / "image.tif", file.bytes());
-        const std::size_t before = openFiles();
+        const int before = openFiles();
         for (const Conventions conventions : both) {
             ThrowingBuffer<std::runtime_error> sink(std::runtime_error("no"));
             EXPECT_THROW(static_cast<void>(

@@ -2,6 +2,8 @@
 
 #include "rastkit/buffers.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -9,6 +11,7 @@
 #include <fstream>
 #include <limits>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -35,6 +38,17 @@ inline std::filesystem::path corpusFolder()
     const char* const folder = std::getenv("RASTKIT_CORPUS");
     return folder ? std::filesystem::path(folder) : std::filesystem::path();
 }
+
+/// A test of real files, skipped where there are none.
+class CorpusTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (corpusFolder().empty())
+            GTEST_SKIP() << "RASTKIT_CORPUS names no folder of real files";
+    }
+    static std::string path(const std::string& file) { return (corpusFolder() / file).string(); }
+};
 
 /// All files of a format, as paths from the corpus folder, sorted.
 inline std::vector<std::string> corpusFiles(const std::string& format)
@@ -65,6 +79,16 @@ inline std::vector<std::vector<std::string>> corpusTable(const std::string& name
     for (std::getline(in, line); std::getline(in, line);)
         rows.push_back(splitText(line, '\t'));
     return rows;
+}
+
+/// The files that at least one of the decoders reads.
+inline std::set<std::string> filesReadByOthers()
+{
+    std::set<std::string> files;
+    for (const auto& row : corpusTable("expected.tsv"))
+        if (row.size() > 6 && row[6] == "ok")
+            files.insert(row[0]);
+    return files;
 }
 
 inline std::multimap<std::string, PixelFigures> corpusFigures()
