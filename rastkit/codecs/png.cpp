@@ -24,7 +24,8 @@ namespace QUtils {
 namespace {
 
 constexpr std::size_t signatureBytes = 8;
-constexpr std::uint64_t unknownLength = UINT64_MAX;
+/// What a file of unknown length, a pipe for instance, counts as when memory is taken for its rows.
+constexpr std::uint64_t lengthOfPipes = std::uint64_t(512) << 10;
 /// Most bytes that one byte of deflated data becomes (258 in two bits).
 constexpr std::uint64_t deflateMostTimes = 1032;
 /// Of compressed pixels that libpng takes at a time.
@@ -48,15 +49,17 @@ public:
 
     /// Stores the next `count` bytes; false when libpng is to give up.
     virtual bool read(std::uint8_t* dest, std::size_t count) = 0;
-    /// How many are left; the largest number while nobody knows.
-    virtual std::uint64_t bytesLeft() const = 0;
+    /// How many there were at first, or are taken for granted where nobody knows.
+    virtual std::uint64_t length() const = 0;
+    /// How many libpng may ask for next, at most, without meeting the end: at least 1.
+    virtual std::uint64_t bytesReady() = 0;
     /// Whether they seem to end for want of memory.
     virtual bool isStarved() const = 0;
 };
 
 class FileSource : public PngSource {
 public:
-    explicit FileSource(std::FILE* file) : m_left(lengthOf(file)), m_in(file) { }
+    explicit FileSource(std::FILE* file) : m_length(lengthOf(file)), m_left(m_length), m_in(file) { }
 
     ImgErrorCode readSignature()
     {
@@ -74,24 +77,29 @@ public:
         if (got != count)
             return false;
         std::memcpy(dest, bytes, count);
-        if (m_left != unknownLength)
-            m_left -= std::min<std::uint64_t>(count, m_left);
+        m_left -= std::min<std::uint64_t>(count, m_left);
         return true;
     }
-    std::uint64_t bytesLeft() const override { return m_left; }
+    std::uint64_t length() const override { return m_length != 0 ? m_length : lengthOfPipes; }
+    std::uint64_t bytesReady() override
+    {
+        // Of a pipe what has arrived already, so that nothing is lost of one that is cut.
+        const std::uint64_t ready = m_length != 0 ? m_left : m_in.ready(1);
+        return std::max<std::uint64_t>(ready, 1);
+    }
     bool isStarved() const override { return !m_in.isValid(); }
 
 private:
-    /// The end of what is no regular file is not known, nor that of the system's own files, which say 0.
+    /// 0: not known, as of what is no regular file, and of the system's own files, which say so themselves.
     static std::uint64_t lengthOf(std::FILE* file)
     {
         struct stat status;
         const bool isKnown
             = fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
-        return isKnown ? std::uint64_t(status.st_size) : unknownLength;
+        return isKnown ? std::uint64_t(status.st_size) : 0;
     }
 
-    std::uint64_t m_left;
+    std::uint64_t m_length, m_left;
     BlockReader m_in;
 };
 
@@ -104,7 +112,7 @@ public:
         // The renderer's sizes have 31 bits and a sign; what a larger one has above them is lost.
         const int length = m_reportsEnd ? int(std::min<unsigned long>(size, INT_MAX)) : int(size);
         m_stream.SetBuf(const_cast<unsigned char*>(data), length);
-        m_left = std::uint64_t(std::max(length, 0));
+        m_length = m_left = std::uint64_t(std::max(length, 0));
     }
 
     bool read(std::uint8_t* dest, std::size_t count) override
@@ -120,12 +128,13 @@ public:
         std::memset(dest + got, 0, missing);
         return !std::exchange(m_reportsEnd, true);
     }
-    std::uint64_t bytesLeft() const override { return m_left; }
+    std::uint64_t length() const override { return m_length; }
+    std::uint64_t bytesReady() override { return std::max<std::uint64_t>(m_left, 1); }
     bool isStarved() const override { return false; }
 
 private:
     PBufStream m_stream;
-    std::uint64_t m_left;
+    std::uint64_t m_length, m_left;
     bool m_reportsEnd;
 };
 
@@ -159,7 +168,7 @@ PngSamples expanded(PngSamples samples, bool hasTransparency)
 class PngReader {
 public:
     explicit PngReader(PngSource& source)
-        : m_source(source), m_byteCount(source.bytesLeft()),
+        : m_source(source), m_byteCount(source.length()),
           m_png(png_create_read_struct_2(PNG_LIBPNG_VER_STRING, nullptr, jumpToPngFence, ignorePngWarning,
               &m_isStarved, allocate, release)),
           m_info(m_png ? png_create_info_struct(m_png) : nullptr)
@@ -248,7 +257,7 @@ private:
             png_error(png, "the data ends here");
         // No more compressed pixels at a time than there are: so a cut file yields all that it has.
         png_set_compression_buffer_size(
-            png, std::size_t(std::clamp<std::uint64_t>(source.bytesLeft(), 1, mostCompressedBytes)));
+            png, std::size_t(std::min<std::uint64_t>(source.bytesReady(), mostCompressedBytes)));
     }
     static png_voidp allocate(png_structp png, png_alloc_size_t bytes)
     {
@@ -474,18 +483,16 @@ ImgErrorCode readImage(PngSource& source, ImgBuffer& buffer, IMGINFO* info)
     if (!reader.isValid())
         return IMGERR_LIBRARY;
     RASTKIT_TRY(reader.readHeader());
-    const bool canBeFilled = reader.canBeFilled();
-    if (canBeFilled)
-        RASTKIT_TRY(reader.expand());
-    const PngSamples samples = reader.samples();
-    if (canBeFilled && !samples.isSupported())
+    if (!expanded(reader.samples(), reader.hasTransparency()).isSupported())
         return IMGERR_UNSUPPORTED;
 
     const FreeOnThrow guard(buffer);
     RowSink sink(buffer);
     RASTKIT_TRY(sink.init(reader.width(), reader.height()));
-    if (!canBeFilled)
+    if (!reader.canBeFilled())
         return IMGERR_READ;
+    RASTKIT_TRY(reader.expand()); // libpng takes memory for its rows here, after the sink has had its say.
+    const PngSamples samples = reader.samples();
     ExpandedRows rows(sink, samples);
     RASTKIT_TRY(reader.isInterlaced() ? readInterlaced(reader, rows) : readRows(reader, rows));
     RASTKIT_TRY(reader.readEnd());

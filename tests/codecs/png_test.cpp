@@ -727,6 +727,40 @@ TEST(PngLoad, PipeIsReadLikeAFile)
     }
 }
 
+TEST(PngLoad, CutPipeKeepsTheRowsThatACutFileKeeps)
+{
+    const TempDir folder;
+    const std::string fifo = folder / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    Bytes bytes = pictureOf({ PngBytes::rgb, 8 }, 300, 300, 0).bytes();
+    bytes.resize(bytes.size() * 2 / 3);
+    writeScratch(bytes);
+    RecordingBuffer fromFile, fromPipe;
+    EXPECT_EQ(codeOf(LoadPNGFile(scratchFile(), fromFile, nullptr)), IMGERR_READ);
+    std::thread writer([&] { writeFile(fifo, bytes); });
+    EXPECT_EQ(codeOf(LoadPNGFile(fifo.c_str(), fromPipe, nullptr)), IMGERR_READ);
+    writer.join();
+    EXPECT_GT(fromFile.pixels.size(), 0u);
+    EXPECT_TRUE(fromFile.pixels == fromPipe.pixels);
+}
+
+TEST(PngLoad, NothingIsPrinted)
+{
+    Bytes broken = pictureOf({ PngBytes::rgb, 8 }, 30, 30, 0).bytes();
+    broken[broken.size() / 2] ^= 0x55;
+    Bytes cut = broken;
+    cut.resize(cut.size() / 2);
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    for (const Bytes& bytes : { broken, cut }) {
+        writeScratch(bytes);
+        RecordingBuffer sink;
+        EXPECT_EQ(codeOf(LoadPNGFile(scratchFile(), sink, nullptr)), IMGERR_READ);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
 // --- Sizes that the file cannot fill -----------------------------------------------------------------------
 
 TEST(PngLoad, SizesThatTheFileCannotFillAreAReadError)

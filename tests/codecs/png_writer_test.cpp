@@ -26,7 +26,7 @@ using QUtils::FrameBuffer;
 using QUtils::FrameSample;
 using QUtils::savePng;
 
-constexpr int noAlpha = -1;
+constexpr int noAlpha = -1, colorChannel = 2;
 
 // --- Reading back with libpng ------------------------------------------------------------------------------
 
@@ -79,7 +79,7 @@ protected:
     int save(QUtils::PixelBufferInterface& frame, int bits, int alphaChannel = noAlpha, int flags = 0)
     {
         QUtils::pngBitsPerChannel = bits;
-        return codeOf(SavePNGFile_pb(name().c_str(), frame, 0, alphaChannel, flags));
+        return codeOf(SavePNGFile_pb(name().c_str(), frame, colorChannel, alphaChannel, flags));
     }
     int saveArray(int width, int height, int bits, int channels, std::vector<unsigned int> pixels)
     {
@@ -220,7 +220,7 @@ TEST_F(PngSave, RowsAreAskedForOneByOne)
             ASSERT_EQ(frame.queries.size(), 4u);
             for (int y = 0; y < 4; ++y) {
                 const FrameDouble::Query& query = frame.queries[std::size_t(y)];
-                EXPECT_EQ(query.channel, 0);
+                EXPECT_EQ(query.channel, colorChannel);
                 EXPECT_EQ(query.alphaChannel, alphaChannel);
                 EXPECT_EQ(query.format, (alphaChannel < 0 ? 200 : 300) + (bits == 8 ? 0 : 1));
                 EXPECT_EQ(query.rowBytes, 7 * (alphaChannel < 0 ? 3 : 4) * bits / 8);
@@ -246,7 +246,12 @@ TEST_F(PngSave, CorrectedPixelsAreTakenWhereTheyAreOffered)
     EXPECT_EQ(save(frame, 16, noAlpha, QUtils::SAVE_CORRECTION_MODE_0), IMGERR_NONE);
     ASSERT_EQ(frame.queries.size(), 2u);
     EXPECT_EQ(frame.queries[0].mode, 3);
+    EXPECT_EQ(frame.queries[0].channel, colorChannel);
+    EXPECT_EQ(frame.queries[0].format, 200);
+    EXPECT_EQ(frame.queries[0].rowBytes, 3);
     EXPECT_EQ(frame.queries[1].mode, 0);
+    EXPECT_EQ(frame.queries[1].format, 201);
+    EXPECT_EQ(frame.queries[1].rowBytes, 6);
 }
 
 TEST_F(PngSave, CompressionLevelCounts)
@@ -350,13 +355,14 @@ TEST_F(PngSave, EverySizeAndDepthComesBackThroughTheLoader)
         for (const bool alpha : { false, true })
             for (const auto& [width, height] : { std::pair(1, 1), { 7, 4 }, { 1021, 517 } }) {
                 FrameBuffer frame(width, height);
-                ASSERT_EQ(frame.addChannel("rgba", 1, 4, FrameSample::Packed8), 0);
+                for (int channel = 0; channel <= colorChannel; ++channel)
+                    ASSERT_EQ(frame.addChannel("rgba", 1, 4, FrameSample::Packed8), channel);
                 std::mt19937 random { unsigned(width) };
                 for (int y = 0; y < height; ++y)
                     for (int x = 0; x < width; ++x)
-                        frame.rowPacked(0, y)[x]
+                        frame.rowPacked(colorChannel, y)[x]
                             = y % 3 == 0 ? std::uint32_t(random()) : 0x01020304u * std::uint32_t(x % 9);
-                ASSERT_EQ(save(frame, bits, alpha ? 0 : noAlpha), IMGERR_NONE);
+                ASSERT_EQ(save(frame, bits, alpha ? colorChannel : noAlpha), IMGERR_NONE);
 
                 QUtils::Image8 image;
                 IMGINFO info {};
@@ -365,8 +371,8 @@ TEST_F(PngSave, EverySizeAndDepthComesBackThroughTheLoader)
                 int different = 0;
                 for (int y = 0; y < height; ++y)
                     for (int x = 0; x < width; ++x)
-                        different
-                            += image.pixel(x, y) != (frame.rowPacked(0, y)[x] | (alpha ? 0 : 0xFF000000u));
+                        different += image.pixel(x, y)
+                            != (frame.rowPacked(colorChannel, y)[x] | (alpha ? 0 : 0xFF000000u));
                 EXPECT_EQ(different, 0) << bits << ' ' << alpha << ' ' << width;
             }
 }
