@@ -73,8 +73,10 @@ RASTKIT_API ImgError LoadJPGHeader(const char* fileName, IMGINFO* info);
 /// Decodes a baseline or progressive JPEG file into `buffer` as packed pixels: grey and coloured ones opaque,
 /// of four components (CMYK, YCCK) the first three as red, green and blue and the fourth as alpha, without
 /// conversion. A file that is cut behind its header gives all its rows, with what libjpeg makes of the
-/// missing ones, and is a success. `info` may be null and is filled on success: numChannels counts
-/// components, bytesPerPixel is four times as much. Errors: IMGERR_OPEN; IMGERR_FORMAT; IMGERR_MEMORY.
+/// missing ones, and is a success; IMGERR_FORMAT only where so little is left of a large file of several
+/// scans that it cannot fill their memory. `info` may be null and is filled on success, and when the sink or
+/// the number of components is refused: numChannels counts components, bytesPerPixel is four times as much.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT; IMGERR_MEMORY.
 /// Source: ITU-T T.81, as libjpeg reads it.
 RASTKIT_API ImgError LoadJPGFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
 

@@ -15,10 +15,12 @@ namespace QUtils {
 
 namespace {
 
-// Files of several scans have the coefficients of the whole picture in memory. Huffman codes take a bit or
-// more for each block of a component, and the block's coefficients 128 bytes: this is what a file can fill.
+// Files of several scans have the coefficients of the whole picture in memory, 128 bytes for each block of a
+// component. The first scan of a block takes a Huffman code, a bit or more: this is what a file can fill.
+// Arithmetic codes can do with less; flat pictures of that kind are refused above what is granted below.
 constexpr std::uint64_t memoryPerFileByte = CHAR_BIT * sizeof(JBLOCK);
-// What is granted in any case: pictures of up to 20 megapixels keep their rows when the file is cut.
+// What is granted in any case: pictures of 22 megapixels, of 11 where the chroma is not of half the size,
+// keep their rows wherever the file is cut.
 constexpr std::uint64_t leastMemory = std::uint64_t(64) << 20;
 
 // A scan takes a dozen bytes of the file, and goes through all blocks of its components. Encoders make ten
@@ -266,12 +268,22 @@ ImgErrorCode loadFrom(JpegSource& source, ImgBuffer& buffer, IMGINFO* info, Conv
 {
     JpegReader jpeg(source, conventions);
     RASTKIT_TRY(fenceJpeg(jpeg, readHeader));
-    RASTKIT_TRY(checkComponents(jpeg));
+    // Renderers get the description also of pictures that are refused, deliberately: they ask for it then.
+    IMGINFO* const infoOfRefused = conventions == Conventions::Renderer ? info : nullptr;
+    const ImgErrorCode components = checkComponents(jpeg);
+    if (components != IMGERR_NONE) {
+        describePixels(jpeg, infoOfRefused);
+        return components;
+    }
     RASTKIT_TRY(fenceJpeg(jpeg, startDecoding));
 
     const FreeOnThrow guard(buffer);
     RowSink sink(buffer);
-    RASTKIT_TRY(sink.init(jpeg.width(), jpeg.height()));
+    const ImgErrorCode sized = sink.init(jpeg.width(), jpeg.height());
+    if (sized != IMGERR_NONE) {
+        describePixels(jpeg, infoOfRefused);
+        return sized;
+    }
     jpeg.sink = &sink;
     RASTKIT_TRY(readRows(jpeg));
     if (conventions == Conventions::Standard && hasLostData(jpeg))

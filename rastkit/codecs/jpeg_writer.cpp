@@ -23,6 +23,13 @@ constexpr int packedQuality = 85;
 struct JpegDestination : jpeg_destination_mgr {
     explicit JpegDestination(std::FILE* file);
 
+    /// Writes what libjpeg has stored in the block so far. Nothing may be stored after that.
+    ImgErrorCode flush()
+    {
+        blocks.advance(blockBytes - free_in_buffer);
+        return blocks.flush();
+    }
+
     BlockWriter blocks;
 };
 
@@ -56,9 +63,7 @@ boolean writeFullBlock(j_compress_ptr coder)
 
 void writeLastBlock(j_compress_ptr coder)
 {
-    JpegDestination& out = destinationOf(coder);
-    out.blocks.advance(blockBytes - out.free_in_buffer);
-    require(coder, out.blocks.flush());
+    require(coder, destinationOf(coder).flush());
 }
 
 JpegDestination::JpegDestination(std::FILE* file) : jpeg_destination_mgr(), blocks(file)
@@ -137,8 +142,12 @@ ImgErrorCode writeFrameRows(JpegWriter& jpeg)
 {
     jpeg_compress_struct& cinfo = jpeg.cinfo;
     while (cinfo.next_scanline < cinfo.image_height) {
-        if (!jpeg.rows->fetch(int(cinfo.next_scanline), jpeg.row))
-            return IMGERR_WRITE; // libjpeg cannot end a file without all its rows.
+        if (!jpeg.rows->fetch(int(cinfo.next_scanline), jpeg.row)) {
+            // libjpeg cannot end a file without all its rows. What it has made of them still goes to the
+            // file.
+            static_cast<void>(jpeg.destination.flush());
+            return IMGERR_WRITE;
+        }
         JSAMPROW samples = jpeg.row;
         jpeg_write_scanlines(&cinfo, &samples, 1);
     }

@@ -236,7 +236,8 @@ TEST_F(JpegLoad, OtherNumbersOfComponentsAreAFormatErrorButHaveAHeader)
     EXPECT_EQ(error.code(), IMGERR_FORMAT);
     EXPECT_STREQ(error.message(), "");
     EXPECT_EQ(sink.initCalls, 0);
-    EXPECT_EQ(info.width, -7);
+    EXPECT_EQ(info.width, 8);
+    EXPECT_EQ(info.numChannels, 2);
     EXPECT_EQ(codeOf(LoadJPGHeader(m_name.c_str(), &info)), IMGERR_NONE);
     EXPECT_EQ(codeOf(loadJpegHeader(m_name.c_str(), &info, Conventions::Standard)), IMGERR_FORMAT);
 }
@@ -531,6 +532,10 @@ TEST_F(JpegLoad, SinkThatIsNotValidIsAMemoryError)
         EXPECT_EQ(sink.initCalls, 1);
         EXPECT_EQ(sink.freeCalls, 0);
         EXPECT_TRUE(sink.order.empty());
+        EXPECT_EQ(info.width, 20) << "Renderers get the description all the same.";
+        EXPECT_EQ(info.bytesPerPixel, info.numChannels * 4);
+        info = filledInfo();
+        EXPECT_EQ(codeOf(loadJpeg(m_name.c_str(), sink, &info, Conventions::Standard)), IMGERR_MEMORY);
         EXPECT_EQ(info.width, -7);
     }
 }

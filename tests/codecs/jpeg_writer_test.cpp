@@ -181,6 +181,21 @@ TEST_F(JpegSave, CorrectedPixelsAreTakenWhereTheyAreOffered)
     EXPECT_EQ(frame.queries[1].mode, 0);
 }
 
+TEST_F(JpegSave, RefusedRowLeavesWhatIsEncodedInTheFile)
+{
+    FrameDouble frame(300, 200);
+    frame.fill = [](const FrameDouble::Query& query, unsigned char* dest) {
+        for (int i = 0; i < query.rowBytes; ++i)
+            dest[i] = std::uint8_t(i * query.region.top * 7);
+    };
+    frame.refusedRow = 150;
+    EXPECT_EQ(save(frame), IMGERR_WRITE);
+    EXPECT_GT(readFile(m_name).size(), 2000u);
+    QUtils::Image8 image;
+    EXPECT_EQ(codeOf(LoadJPGFile(m_name.c_str(), image, nullptr)), IMGERR_NONE);
+    EXPECT_EQ(image.height(), 200);
+}
+
 TEST_F(JpegSave, RefusedRowIsAWriteErrorAndTheLastThatIsAskedFor)
 {
     for (const int refused : { 0, 1, 20 }) {
