@@ -4,6 +4,7 @@
 #include "rastkit/rastkit.h"
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <tiffio.h>
 #include <vector>
@@ -109,10 +110,10 @@ void storeRow(const Variant& variant, int y, std::uint8_t* row)
     for (int x = 0; x < frameWidth; ++x)
         for (int c = 0; c < variant.samples; ++c) {
             const float sample = rgba[4 * x + c];
-            const std::size_t i = std::size_t(x * variant.samples + c);
+            const std::size_t i = std::size_t(x) * std::size_t(variant.samples) + std::size_t(c);
             if (variant.bits == 16)
                 reinterpret_cast<std::uint16_t*>(row)[i]
-                    = std::uint16_t(std::clamp(sample, 0.0f, 1.0f) * 65535 + 0.5f);
+                    = std::uint16_t(std::lrintf(std::clamp(sample, 0.0f, 1.0f) * 65535));
             else
                 reinterpret_cast<float*>(row)[i] = sample;
         }

@@ -1,7 +1,9 @@
 #include "rastkit/model/load_dispatch.h"
 
 #include "rastkit/buffers.h"
+#include "rastkit/formats.h"
 #include "rastkit/load.h"
+#include "rastkit/save.h"
 
 #include "support/recording_buffer.h"
 #include "support/temp_file.h"
@@ -9,8 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -51,6 +56,62 @@ protected:
     RecordingBuffer m_buffer;
     IMGINFO m_info = staleInfo();
 };
+
+/// The formats that are written and read, with the type of their files.
+const struct {
+    const char* extension;
+    ImgType type;
+    bool loses;
+} roundTrips[] = {
+    { "jpg", IMGTYPE_JPEG, true },
+    { "png", IMGTYPE_PNG, false },
+    { "tga", IMGTYPE_TGA, false },
+    { "tif", IMGTYPE_TIFF, false },
+};
+
+TEST_F(LoadDispatch, EveryFormatComesBackThroughTheDispatchers)
+{
+    QUtils::FrameBuffer frame(4, 4);
+    ASSERT_EQ(frame.addChannel("color", 1, 3, QUtils::FrameSample::Packed8), 0);
+    for (int y = 0; y < 4; ++y)
+        std::fill_n(frame.rowPacked(0, y), 4, 0xFF40C020u);
+    for (const auto& format : roundTrips)
+        for (const char* name : { format.extension, "unknown" }) {
+            const std::string path = m_dir / (std::string("a.") + name);
+            const int index = QUtils::getFileFormatIndex(format.extension, nullptr);
+            ASSERT_EQ(SaveImageFile(path.c_str(), frame, 0, -1, index).code(), IMGERR_NONE) << path;
+            EXPECT_EQ(QUtils::DetectImageType(path.c_str()), format.type) << path;
+            QUtils::Image8 image;
+            ASSERT_EQ(LoadImageFile(path.c_str(), image, &m_info).code(), IMGERR_NONE) << path;
+            EXPECT_EQ(m_info.width, 4);
+            for (int shift = 0; shift < 32; shift += 8)
+                EXPECT_NEAR(
+                    image.pixel(3, 2) >> shift & 0xFF, 0xFF40C020u >> shift & 0xFF, format.loses ? 4 : 0)
+                    << path << ' ' << shift;
+            EXPECT_EQ(LoadImageHeader(path.c_str(), &m_info).code(), IMGERR_NONE) << path;
+            EXPECT_EQ(m_info.height, 4);
+        }
+}
+
+TEST_F(LoadDispatch, PackedPixelsComeBackThroughTheDispatchers)
+{
+    std::vector<unsigned int> pixels(16, 0xFF40C020u);
+    for (const auto& format : roundTrips) {
+        IMGINFO info {};
+        info.width = info.height = info.numChannels = info.bytesPerPixel = 4;
+        info.bitsPerPixel = 32;
+        const std::string path = m_dir / (std::string("a.") + format.extension);
+        ASSERT_EQ(SaveImageFile(path.c_str(), &info, pixels.data()).code(), IMGERR_NONE) << path;
+        EXPECT_EQ(QUtils::DetectImageType(path.c_str()), format.type) << path;
+        QUtils::Image8 image;
+        ASSERT_EQ(LoadImageFile(path.c_str(), image, nullptr).code(), IMGERR_NONE) << path;
+        // Packed TIFF files have red and blue exchanged.
+        const unsigned int expected = format.type == IMGTYPE_TIFF ? 0xFF20C040u : 0xFF40C020u;
+        for (int shift = 0; shift < 32; shift += 8)
+            EXPECT_NEAR(image.pixel(3, 2) >> shift & 0xFF, expected >> shift & 0xFF, format.loses ? 4 : 0)
+                << path;
+    }
+}
 
 TEST_F(LoadDispatch, ExtensionPicksTheReaderWhateverItsCase)
 {
