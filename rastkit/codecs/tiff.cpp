@@ -51,6 +51,23 @@ bool canFill(TIFF* tiff, std::uint64_t expansion, std::uint64_t bytes)
     return __builtin_mul_overflow(tiffFileBytes(tiff), expansion, &most) || bytes <= most;
 }
 
+/// Whether decompressing all strips or tiles is work in proportion to the file or to the picture. Tiles may
+/// share their bytes, as blank ones do; but shared tiles far larger than the picture, or thousands of samples
+/// in a pixel, could keep a reader busy for hours with a few kilobytes.
+bool isInProportion(TIFF* tiff, const TiffTags& tags)
+{
+    constexpr std::uint64_t allowance = std::uint64_t(256) << 20, mostBytesOfPixel = 64;
+    const bool isTiled = TIFFIsTiled(tiff) != 0;
+    const std::uint64_t count = isTiled ? TIFFNumberOfTiles(tiff) : TIFFNumberOfStrips(tiff);
+    const std::uint64_t bytesEach = isTiled ? TIFFTileSize64(tiff) : TIFFStripSize64(tiff);
+    std::uint64_t bytes = 0;
+    if (__builtin_mul_overflow(count, bytesEach, &bytes))
+        return false;
+    const std::uint64_t pixels = std::uint64_t(tags.width) * std::uint64_t(tags.height);
+    return bytes <= allowance || (bytes - allowance) / mostBytesOfPixel <= pixels
+        || canFill(tiff, expansionOf(tags.compression), bytes);
+}
+
 // --- Strips and tiles ------------------------------------------------------------------------------------
 
 /// The planes of an image that are needed, by their numbers in the file. One without planes has number 0.
@@ -212,6 +229,8 @@ template <typename Pixel> ImgErrorCode readTiles(const Image& image, RowSink& si
 
 template <typename Pixel> ImgErrorCode readChunks(const Image& image, RowSink& sink)
 {
+    if (!isInProportion(image.tiff, image.tags))
+        return IMGERR_READ;
     return TIFFIsTiled(image.tiff) ? readTiles<Pixel>(image, sink) : readStrips<Pixel>(image, sink);
 }
 
@@ -225,7 +244,8 @@ ImgErrorCode readPalette(
     if (conventions == Conventions::Standard)
         return readTiffColorMap(tiff, tags.bits, conventions, palette);
     // Without a map the handle would be closed in there.
-    if (tags.bits <= 16 && !hasTiffColorMap(tiff))
+    const bool asksForMap = tags.bits <= 16 && !(tags.bits == 1 && tags.samples == 1);
+    if (asksForMap && !hasTiffColorMap(tiff))
         return IMGERR_FORMAT;
     const int isSetUp = setupTIFPalette(tiff, std::uint16_t(tags.photometric), std::uint16_t(tags.bits),
         std::uint16_t(tags.samples), palette);
@@ -273,12 +293,13 @@ ImgErrorCode loadSamples(TIFF* tiff, const TiffTags& tags, Conventions conventio
 ImgErrorCode makeRaster(TIFF* tiff, const TiffTags& tags, PixelMemory& raster)
 {
     // A file that is cut short gives what there is of the picture, so that an uncompressed one need not
-    // have all of it.
+    // have all of it, and a small picture none.
     constexpr std::uint64_t leastExpansion = 64, bytesOfPixel = sizeof(std::uint32_t);
+    constexpr std::size_t allowance = std::size_t(16) << 20;
     const std::uint64_t expansion = std::max(expansionOf(tags.compression) * bytesOfPixel, leastExpansion);
     std::size_t bytes = 0;
     if (!multiply(std::size_t(tags.width), std::size_t(tags.height), bytesOfPixel, bytes)
-        || !canFill(tiff, expansion, bytes))
+        || (bytes > allowance && !canFill(tiff, expansion, bytes)) || !isInProportion(tiff, tags))
         return IMGERR_READ;
     raster = allocateZeroPixels(bytes);
     return raster ? IMGERR_NONE : IMGERR_MEMORY;
@@ -301,7 +322,9 @@ void rendererPixels(const std::uint32_t* words, bool hasFourSamples, float* rgba
 ImgErrorCode loadRasterRenderer(TIFF* tiff, const TiffTags& tags, ImgBuffer& buffer)
 {
     PixelMemory raster;
-    RASTKIT_TRY(makeRaster(tiff, tags, raster));
+    const ImgErrorCode made = makeRaster(tiff, tags, raster);
+    if (made != IMGERR_NONE) // A renderer knows one answer to pixels that cannot be converted.
+        return made == IMGERR_READ ? IMGERR_UNSUPPORTED : made;
     auto* const words = reinterpret_cast<std::uint32_t*>(raster.get());
     const auto width = std::size_t(tags.width);
     if (!TIFFReadRGBAImage(tiff, std::uint32_t(tags.width), std::uint32_t(tags.height), words, 0))

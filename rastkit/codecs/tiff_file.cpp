@@ -34,7 +34,7 @@ public:
         m_size = fstat(m_descriptor, &status) == 0 ? std::uint64_t(status.st_size) : 0;
     }
 
-    std::uint64_t size() const { return std::max(m_size, m_writes ? blockEnd() : 0); }
+    std::uint64_t size() const { return std::max(m_size, m_writes && m_blockSize != 0 ? blockEnd() : 0); }
 
     std::int64_t read(void* to, std::size_t count)
     {
@@ -116,8 +116,8 @@ private:
         std::uint8_t* const place = count < directBytes || isMadeInPlace(from, count) ? room(count) : nullptr;
         if (!place)
             return flush() && writeAll(m_position, from, count);
-        if (from != place)
-            std::memcpy(place, from, count);
+        // The bytes may have been made in the block, for a place that is not the next one any more.
+        std::memmove(place, from, count);
         m_blockSize += count;
         return true;
     }
@@ -245,8 +245,9 @@ struct FreeOptions {
     void operator()(TIFFOpenOptions* options) const { TIFFOpenOptionsFree(options); }
 };
 
-/// Most that libtiff may allocate at once. Deflate, the strongest of the common compressions, expands 1032
-/// times at most, so a larger strip is one that the file cannot fill; small files get a fixed allowance.
+/// Most that libtiff may allocate at once for a file that is read. Deflate, the strongest of the common
+/// compressions, expands 1032 times at most, so a larger strip is one that the file cannot fill; small files
+/// get a fixed allowance.
 tmsize_t allocationLimit(std::uint64_t fileBytes)
 {
     constexpr std::uint64_t allowance = std::uint64_t(64) << 20, expansion = 1032;
@@ -261,11 +262,12 @@ TIFF* openStream(const char* name, const char* mode, std::unique_ptr<TiffStream>
     const std::unique_ptr<TIFFOpenOptions, FreeOptions> options(TIFFOpenOptionsAlloc());
     if (!options)
         return nullptr;
-    TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), allocationLimit(stream->size()));
+    if (mode[0] == 'r')
+        TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), allocationLimit(stream->size()));
     TIFF* const tiff = TIFFClientOpenExt(name, mode, stream.get(), readStream, writeStream, seekStream,
         closeStream, sizeOfStream, refuseMapping, forgetMapping, options.get());
     if (tiff)
-        stream.release(); // closeStream deletes it.
+        static_cast<void>(stream.release()); // closeStream deletes it.
     return tiff;
 }
 

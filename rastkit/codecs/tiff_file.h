@@ -28,8 +28,8 @@ private:
     TIFF* m_tiff;
 };
 
-/// Room for the bytes of an uncompressed strip that is written to the end of the file next, so that they need
-/// not be copied on their way. It is good until anything else is read or written. Null where there is none.
+/// Room for the bytes of an uncompressed strip that is written next, so that they need not be copied on their
+/// way. It is good until anything else is read or written. Null where there is none.
 void* tiffRoom(TIFF* tiff, std::size_t bytes);
 
 /// Bytes of the file behind a handle of my_TIFFOpen.

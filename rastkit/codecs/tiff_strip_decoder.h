@@ -60,7 +60,7 @@ RASTKIT_API void tiff_read_data_chunk(BitStreamReader* reader, unsigned short sa
     const Table<Color, 100>& palette, IMGINFO& info, OrientedPixelBuffer& target);
 
 /// The colour-correction mode that writers ask for: 3, or 0 when bit 0x200 of `flags` is set.
-RASTKIT_API int getIntent(int flags);
+RASTKIT_API int getIntent(int flags); // NOLINT(readability-redundant-declaration)
 
 } // namespace QUtils
 

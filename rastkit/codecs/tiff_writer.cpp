@@ -28,7 +28,7 @@ struct Layout {
     std::uint32_t rowsPerStrip;
     bool saysAlpha; ///< Whether the file says what its fourth sample is.
 
-    std::size_t sampleBytes() const { return std::size_t(bitsPerSample) / 8; }
+    std::size_t sampleBytes() const { return bitsPerSample == 8 ? 1 : bitsPerSample == 16 ? 2 : 4; }
     /// Of one strip of one row: the samples of all channels, or of one.
     std::size_t rowBytes() const
     {

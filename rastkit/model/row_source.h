@@ -7,8 +7,9 @@
 
 namespace QUtils {
 
-/// The colour-correction mode that writers ask for: 3, or 0 when bit 0x200 of `flags` is set.
-RASTKIT_API int getIntent(int flags);
+/// The colour-correction mode that writers ask for: 3, or 0 when bit 0x200 of `flags` is set. An installed
+/// header declares it too, which must not include this one.
+RASTKIT_API int getIntent(int flags); // NOLINT(readability-redundant-declaration)
 
 /// The frame's corrected pixels, if its plug-in offers them, else null.
 ColorCorrectedPixelsInterface* findCorrectedPixels(PixelBufferInterface& buffer);

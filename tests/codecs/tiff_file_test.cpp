@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -109,6 +110,132 @@ TEST(TiffFile, IsReadAgainWhileItIsWritten)
     EXPECT_TRUE(more.close());
     const TiffFile last((folder / "a.tif").c_str(), "r");
     EXPECT_GE(TIFFNumberOfDirectories(last), 4);
+}
+
+/// A file as a plain array, to compare with.
+struct Model {
+    Bytes bytes;
+    std::size_t position = 0;
+
+    void write(const Bytes& added)
+    {
+        bytes.resize(std::max(bytes.size(), position + added.size()));
+        std::copy(added.begin(), added.end(), bytes.begin() + std::ptrdiff_t(position));
+        position += added.size();
+    }
+    Bytes read(std::size_t count)
+    {
+        const std::size_t first = std::min(position, bytes.size());
+        const std::size_t got = std::min(count, bytes.size() - first);
+        position += got;
+        return Bytes(bytes.begin() + std::ptrdiff_t(first), bytes.begin() + std::ptrdiff_t(first + got));
+    }
+};
+
+/// The functions that libtiff would call.
+class Stream {
+public:
+    explicit Stream(TIFF* tiff)
+        : m_handle(TIFFClientdata(tiff)), m_read(TIFFGetReadProc(tiff)), m_write(TIFFGetWriteProc(tiff)),
+          m_seek(TIFFGetSeekProc(tiff)), m_size(TIFFGetSizeProc(tiff))
+    {
+    }
+
+    Bytes read(std::size_t count)
+    {
+        Bytes bytes(count);
+        const tmsize_t got = m_read(m_handle, bytes.data(), tmsize_t(count));
+        bytes.resize(got < 0 ? 0 : std::size_t(got));
+        return bytes;
+    }
+    bool write(void* bytes, std::size_t count)
+    {
+        return m_write(m_handle, bytes, tmsize_t(count)) == tmsize_t(count);
+    }
+    toff_t seek(std::uint64_t offset, int whence) { return m_seek(m_handle, offset, whence); }
+    toff_t size() { return m_size(m_handle); }
+
+private:
+    thandle_t m_handle;
+    TIFFReadWriteProc m_read, m_write;
+    TIFFSeekProc m_seek;
+    TIFFSizeProc m_size;
+};
+
+/// A few bytes, about a block, or more.
+std::size_t anyCount(std::mt19937& random)
+{
+    constexpr std::size_t most[] = { 10, 3000, 70000, 300000 };
+    return 1 + random() % most[random() % 4];
+}
+
+Bytes anyBytes(std::mt19937& random)
+{
+    Bytes bytes(anyCount(random));
+    for (std::uint8_t& byte : bytes)
+        byte = std::uint8_t(random());
+    return bytes;
+}
+
+/// One operation on both. Bytes that are made in the room of the stream may end up in another place.
+void operate(TIFF* tiff, Stream& stream, Model& model, std::mt19937& random)
+{
+    const auto seekTo = [&](std::size_t position) {
+        const int whence = int(random() % 3);
+        const std::size_t base = whence == SEEK_SET ? 0
+            : whence == SEEK_CUR                    ? model.position
+                                                    : model.bytes.size();
+        ASSERT_EQ(stream.seek(position - base, whence), position);
+        model.position = position;
+    };
+    switch (random() % 5) {
+    case 0: {
+        const std::size_t count = anyCount(random);
+        ASSERT_EQ(stream.read(count), model.read(count));
+        break;
+    }
+    case 1: {
+        Bytes bytes = anyBytes(random);
+        ASSERT_TRUE(stream.write(bytes.data(), bytes.size()));
+        model.write(bytes);
+        break;
+    }
+    case 2: seekTo(random() % (model.bytes.size() + 1000)); break;
+    case 3: ASSERT_EQ(stream.size(), model.bytes.size()); break;
+    default: {
+        const Bytes bytes = anyBytes(random);
+        void* const room = QUtils::tiffRoom(tiff, bytes.size());
+        if (!room)
+            break;
+        std::copy(bytes.begin(), bytes.end(), static_cast<std::uint8_t*>(room));
+        if (random() % 2)
+            seekTo(random() % 2 ? model.bytes.size() : random() % (model.bytes.size() + 1));
+        ASSERT_TRUE(stream.write(room, bytes.size()));
+        model.write(bytes);
+    }
+    }
+}
+
+TEST(TiffFile, ReadsWritesAndJumpsInAnyOrderAreThoseOfAPlainFile)
+{
+    const TempDir folder;
+    LibTIFF_StopWarnings();
+    for (unsigned seed = 0; seed < 30; ++seed) {
+        std::mt19937 random(seed);
+        Model model;
+        {
+            const TiffFile tiff((folder / "a.tif").c_str(), "w");
+            Stream stream(tiff);
+            ASSERT_EQ(stream.seek(0, SEEK_SET), 0u);
+            model.bytes = stream.read(100); // The header that libtiff has written.
+            model.position = model.bytes.size();
+            for (int i = 0; i < 100 && !testing::Test::HasFatalFailure(); ++i)
+                operate(tiff, stream, model, random);
+            ASSERT_FALSE(testing::Test::HasFatalFailure()) << seed;
+            ASSERT_EQ(stream.seek(0, SEEK_SET), 0u);
+            ASSERT_EQ(stream.read(model.bytes.size() + 1), model.bytes) << seed;
+        }
+    }
 }
 
 TEST(TiffFile, CutFileReadsToItsEndOnly)

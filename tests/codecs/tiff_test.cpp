@@ -18,6 +18,7 @@
 #include <functional>
 #include <stdexcept>
 #include <tiffio.h>
+#include <zlib.h>
 
 namespace {
 
@@ -379,6 +380,72 @@ TEST(TiffLoad, FileWithoutASizeOrSamplesIsRefused)
         for (const Conventions conventions : both)
             EXPECT_THAT(Loaded(file, conventions).code, AnyOf(IMGERR_OPEN, IMGERR_FORMAT)) << number;
     }
+}
+
+Bytes deflated(std::size_t zeros)
+{
+    const Bytes plain(zeros);
+    uLongf size = compressBound(uLong(zeros));
+    Bytes packed(size);
+    EXPECT_EQ(compress2(packed.data(), &size, plain.data(), uLong(zeros), 9), Z_OK);
+    packed.resize(size);
+    return packed;
+}
+
+/// A row of blank tiles that all share the bytes of one.
+TiffBytes sharedTiles(int tileWidth, int tileLength, int tiles)
+{
+    TiffBytes file;
+    file.width = std::int64_t(tileWidth) * tiles;
+    file.height = std::min(tileLength, 64);
+    file.compression = 8;
+    file.tileWidth = tileWidth;
+    file.tileLength = tileLength;
+    file.chunks = { deflated(std::size_t(tileWidth) * std::size_t(tileLength)) };
+    const std::uint64_t offset = 8;
+    file.more = { { 324, 4, std::vector<std::uint64_t>(std::size_t(tiles), offset) },
+        { 325, 4, std::vector<std::uint64_t>(std::size_t(tiles), file.chunks[0].size()) } };
+    return file;
+}
+
+TEST(TiffLoad, BlankTilesMayShareTheirBytes)
+{
+    for (const Conventions conventions : both) {
+        const Loaded image(sharedTiles(64, 64, 20), conventions);
+        EXPECT_EQ(image.code, IMGERR_NONE);
+        EXPECT_EQ(image.info.width, 1280);
+    }
+}
+
+TEST(TiffLoad, WorkFarBeyondThePictureAndTheFileIsAReadError)
+{
+    // A gigabyte to decompress for 1024 x 64 pixels.
+    for (const Conventions conventions : both)
+        EXPECT_EQ(Loaded(sharedTiles(16, 1 << 20, 64), conventions).code, IMGERR_READ);
+    // The conversion of inks, for which a renderer has one answer.
+    TiffBytes inks = sharedTiles(16, 1 << 18, 64);
+    inks.photometric = 5;
+    inks.samples = 4;
+    inks.chunks = { deflated(std::size_t(16) << 20) };
+    inks.more[1].values.assign(64, inks.chunks[0].size());
+    EXPECT_EQ(Loaded(inks, renderer).code, IMGERR_UNSUPPORTED);
+}
+
+TEST(TiffLoad, SmallPicturesOfInksAreConvertedHoweverLittleOfThemIsLeft)
+{
+    TiffBytes file;
+    file.width = 300;
+    file.height = 1000;
+    file.photometric = 5;
+    file.samples = 4;
+    file.rowsPerStrip = 5;
+    file.chunks = { Bytes(6000, 0x40) };
+    std::vector<std::uint64_t> offsets(200, 1000000); // All but the first strip are missing.
+    offsets[0] = 8;
+    file.more = { { 273, 4, offsets }, { 279, 4, std::vector<std::uint64_t>(200, 6000) } };
+    const Loaded image(file, renderer);
+    EXPECT_EQ(image.code, IMGERR_NONE);
+    EXPECT_GT(image.at(0, 0)[0], 0.3f);
 }
 
 TEST(TiffLoad, ImageWithoutPhotometricTakesTheConversion)

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <random>
 #include <stdexcept>
+#include <tuple>
 
 namespace {
 
@@ -299,6 +300,20 @@ TEST_F(TiffWriter, PackedPixelsOfOddSizesAreAllThere)
     }
 }
 
+TEST_F(TiffWriter, PackedFileIsTheOneThatScanlinesMake)
+{
+    std::vector<unsigned int> pixels(7 * 19);
+    for (std::size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = unsigned(i) * 2654435761u;
+    IMGINFO info = infoOf(7, 19);
+    ASSERT_EQ(codeOf(SaveTIFFile(m_name.c_str(), &info, pixels.data())), IMGERR_NONE);
+    const std::string other = m_folder / "scanlines.tif";
+    writeScanlines(
+        other, 7, 19, 4, 8, true,
+        [&](int x, int y, int c) { return pixels[std::size_t(y * 7 + x)] >> (8 * c) & 0xFF; }, 8);
+    EXPECT_EQ(readFile(m_name), readFile(other));
+}
+
 TEST_F(TiffWriter, DispatchFindsIt)
 {
     unsigned int pixels[] = { 1 };
@@ -372,6 +387,23 @@ TEST_F(TiffWriter, RowWiderThanAnIntCountsIsAMemoryError)
     FrameDouble frame(0x7FFFFFFF / 8, 1);
     EXPECT_EQ(codeOf(SaveTIFFile_pb(m_name.c_str(), frame, 0, noAlpha, 0)), IMGERR_MEMORY);
     EXPECT_TRUE(frame.queries.empty());
+}
+
+TEST_F(TiffWriter, SizesAreLimitedByTheFormatAlone)
+{
+    // Strip tables and strips of tens of megabytes.
+    for (const auto& [width, height, interleaved] :
+        { std::tuple(1, 8500000, 1), { 1, 2900000, 0 }, { 4000000, 1, 1 } }) {
+        set(width == 1 ? 8 : 32, interleaved);
+        FrameDouble frame(width, height);
+        frame.queries.reserve(std::size_t(height));
+        EXPECT_EQ(codeOf(SaveTIFFile_pb(m_name.c_str(), frame, 0, noAlpha, 0)), IMGERR_NONE)
+            << width << ' ' << height;
+        EXPECT_EQ(OpenTiff(m_name).number(TIFFTAG_IMAGELENGTH), unsigned(height));
+    }
+    IMGINFO info = infoOf(2200000, 8);
+    std::vector<unsigned int> pixels(2200000 * 8);
+    EXPECT_EQ(codeOf(SaveTIFFile(m_name.c_str(), &info, pixels.data())), IMGERR_NONE);
 }
 
 // --- The standard's conventions

@@ -71,9 +71,11 @@ private:
     TIFF* m_tiff;
 };
 
-/// Writes an RGB file of strips of one row with TIFFWriteScanline, without any of this library's code.
+/// Writes an RGB file of strips of one row, unless said, with TIFFWriteScanline, without any of this
+/// library's code.
 inline void writeScanlines(const std::string& name, int width, int height, int samples, int bits,
-    bool interleaved, const std::function<std::uint32_t(int x, int y, int component)>& sampleAt)
+    bool interleaved, const std::function<std::uint32_t(int x, int y, int component)>& sampleAt,
+    int rowsPerStrip = 1)
 {
     TIFF* const tiff = TIFFOpen(name.c_str(), "w");
     ASSERT_NE(tiff, nullptr);
@@ -85,7 +87,7 @@ inline void writeScanlines(const std::string& name, int width, int height, int s
     TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
     TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, samples);
     TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
-    TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, 1);
+    TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
     const std::size_t bytes = std::size_t(bits) / 8;
     for (int y = 0; y < height; ++y)
         for (int plane = 0; plane < (interleaved ? 1 : samples); ++plane) {
