@@ -395,8 +395,8 @@ TEST_F(TiffWriter, SizesAreLimitedByTheFormatAlone)
     for (const auto& [width, height, interleaved] :
         { std::tuple(1, 8500000, 1), { 1, 2900000, 0 }, { 4000000, 1, 1 } }) {
         set(width == 1 ? 8 : 32, interleaved);
-        FrameDouble frame(width, height);
-        frame.queries.reserve(std::size_t(height));
+        QUtils::FrameBuffer frame(width, height);
+        ASSERT_EQ(frame.addChannel("color", 1, 3, QUtils::FrameSample::Packed8), 0);
         EXPECT_EQ(codeOf(SaveTIFFile_pb(m_name.c_str(), frame, 0, noAlpha, 0)), IMGERR_NONE)
             << width << ' ' << height;
         EXPECT_EQ(OpenTiff(m_name).number(TIFFTAG_IMAGELENGTH), unsigned(height));
