@@ -1,5 +1,7 @@
-// Renders one frame with several channels and writes it in every format that this build can write.
+// Renders one frame with several channels and writes it in every format that this build can write: each
+// channel to a file of its own, and all of them together as quimg and OpenEXR.
 
+#include "frame_channels.h"
 #include "scene.h"
 
 #include "rastkit/rastkit.h"
@@ -70,10 +72,77 @@ void renderRow(QUtils::FrameBuffer& frame, int y)
     }
 }
 
+/// All channels of the frame for the formats that keep them in one file.
+class RawFrame : public QUtils::QURegionData {
+public:
+    explicit RawFrame(QUtils::FrameBuffer& frame) : m_frame(frame)
+    {
+        for (example::Channel& channel : m_channels)
+            m_table.add(&channel);
+    }
+    QUtils::RegionChannelTable* channels() { return &m_table; }
+    QUtils::RIRegionInfo getRegion() override { return { 0, 0, m_frame.getWidth(), m_frame.getHeight() }; }
+    const void* getRow(int channel, int y) override { return m_frame.row(channel, y); }
+
+private:
+    QUtils::FrameBuffer& m_frame;
+    example::Channel m_channels[ChannelCount] {
+        { "beauty", QUtils::PIXELCHANNEL_COLOR, QUtils::RISAMPLE_FLOAT, 4, example::Color },
+        { "alpha", QUtils::PIXELCHANNEL_ALPHA, QUtils::RISAMPLE_FLOAT, 1, example::Data },
+        { "depth", 10, QUtils::RISAMPLE_FLOAT, 1, example::Depth },
+        { "normals", 11, QUtils::RISAMPLE_FLOAT, 3, example::Vector },
+        { "diffuse", 12, QUtils::RISAMPLE_FLOAT, 3, example::Color },
+        { "reflection", 13, QUtils::RISAMPLE_FLOAT, 3, example::Color },
+        { "object", 14, QUtils::RISAMPLE_UINT, 1, example::Data },
+    };
+    QUtils::RegionChannelTable m_table;
+};
+
 /// One of the writer's other interfaces: how files are named, how a format is written.
 template <class Interface> Interface& settings(QUtils::ImageWriterInterface& writer)
 {
     return static_cast<Interface&>(*writer.getPlugin()->newInterface(Interface::interfaceId));
+}
+
+/// Tells the writer of all that goes into a file with all channels.
+void setRawImage(QUtils::ImageWriterInterface& writer, QUtils::FrameBuffer& frame, RawFrame& rows, int number)
+{
+    constexpr int bucket = 64;
+    auto& raw = settings<QUtils::RawImageSettingsInterface>(writer);
+    raw.setRawImageBitsPerChannel(16); // Colours as half floats; data as it is.
+    raw.setRawImageWidth(frame.getWidth());
+    raw.setRawImageHeight(frame.getHeight());
+    raw.setRawImagePixelAspect(1);
+    raw.setRawImageRegWidth(bucket);
+    raw.setRawImageRegHeight(bucket);
+    raw.setRawImageChannelList(rows.channels());
+    char description[] = "spheres on a chequered floor";
+    QUtils::RISceneInfo scene { number, description };
+    raw.setRawImageSceneInfo(scene);
+    raw.setRawImageRegionData(&rows);
+}
+
+/// Writes all channels into one file, as a quimg or an OpenEXR file by its extension, and prints its name.
+bool writeRawFrame(
+    QUtils::ImageWriterInterface& writer, const std::string& name, QUtils::FrameBuffer& frame, int number)
+{
+    constexpr int flags = QUtils::SAVE_ADD_FRAME_NUMBER | QUtils::SAVE_EXR_MULTI_CHANNEL;
+    const ImgError error = writer.writeImage(name.c_str(), -1, &frame, flags, number);
+    if (error.code() != 0) {
+        std::fprintf(stderr, "%s: %s\n", name.c_str(), error.message());
+        return false;
+    }
+    char file[512];
+    SaveImageFile_getFilename(name.c_str(), true, number, frameDigits, file, sizeof file);
+    std::puts(file);
+    return true;
+}
+
+std::string formatName(QUtils::ImageWriterInterface& writer, const std::string& folder, int format)
+{
+    QUtils::FileFormatInfo info;
+    writer.getFileFormatInfo(format, info);
+    return folder + "/frame." + std::string(info.extensions, std::strcspn(info.extensions, ";"));
 }
 
 /// Writes all channels in one format, each to a file of its own, and prints the files' names.
@@ -83,8 +152,7 @@ bool writeFrame(QUtils::ImageWriterInterface& writer, const std::string& folder,
     constexpr int flags = QUtils::SAVE_ADD_FRAME_NUMBER;
     QUtils::FileFormatInfo info;
     writer.getFileFormatInfo(format, info);
-    const std::string name
-        = folder + "/frame." + std::string(info.extensions, std::strcspn(info.extensions, ";"));
+    const std::string name = formatName(writer, folder, format);
     char file[512];
     if (writer.writeImage(name.c_str(), format, &frame, flags, number).code() != IMGERR_NONE) {
         // One error stands for all channels. The picture on its own tells whether the format is there at all.
@@ -137,9 +205,14 @@ try {
     tiff.setTiffBitsPerChannel(16);
     tiff.setTiffInterleaved(1); // Every viewer reads that; the default is a plane for each component.
 
-    bool complete = true;
+    RawFrame rows(frame);
+    setRawImage(*writer, frame, rows, number);
+
+    bool complete = writeRawFrame(*writer, folder + "/frame.quimg", frame, number);
+    complete = writeRawFrame(*writer, folder + "/frame_all.exr", frame, number) && complete;
     for (int format = 0; format < writer->getNumFileFormats(); ++format)
-        complete = writeFrame(*writer, folder, format, frame, number) && complete;
+        if (!fileFormatIsMultiChannel(formatName(*writer, folder, format).c_str(), 0))
+            complete = writeFrame(*writer, folder, format, frame, number) && complete;
     return complete ? 0 : 1;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "render_frame: %s\n", error.what());

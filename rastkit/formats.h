@@ -33,6 +33,11 @@ RASTKIT_API bool fileFormatIsMultiChannel(const char* name, int flags);
 /// DDS files are not recognised by contents.
 RASTKIT_API int DetectImageType(const char* fileName);
 
+/// Lets the library use `count` threads besides the caller's; a count below 0 means 0, the default, with
+/// which everything runs on the caller's thread. The threads are OpenEXR's, which all of the process shares:
+/// set them once, while no image is read or written. When the system refuses threads the old number stays.
+RASTKIT_API void setThreadCount(int count);
+
 /// Replaces `rows` by a (library, version) pair for each codec library of this build.
 RASTKIT_API void rastkit_getImageLibVersions(Table<CharStringPair, 100>& rows);
 
@@ -45,3 +50,4 @@ using QUtils::getFileFormatIndex;
 using QUtils::getSupportedFormatsList;
 using QUtils::IsImgFormatSupported;
 using QUtils::rastkit_getImageLibVersions;
+using QUtils::setThreadCount;

@@ -53,6 +53,21 @@ RASTKIT_API ImgError LoadPNGArrayHeader(const unsigned char* data, unsigned long
 RASTKIT_API ImgError LoadPNGArray(
     const unsigned char* data, unsigned long size, ImgBuffer& buffer, IMGINFO* info);
 
+/// Fills width, height, bitsPerPixel (32), numChannels (4) and bytesPerPixel (4) of `info` (may be null) from
+/// the header of a Photoshop file, PSD or PSB.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT no such header.
+RASTKIT_API ImgError LoadPSDHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes a Photoshop file into `buffer` as float pixels, alpha not multiplied in. `psdLayerArg1` names what
+/// to show: nothing (or null) the merged picture, else `Name` or `Group/Name` that layer or group alone;
+/// `psdLayerArg2` an extra channel that replaces alpha: see PSD_LoadFile. `info` (may be null) is filled on
+/// success, as by `LoadPSDHeader`. What the sink answers from `isValid` is not looked at.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT no Photoshop file, or no layer or channel of that name; IMGERR_READ cut
+/// or broken data; IMGERR_UNSUPPORTED; IMGERR_LIBRARY memory was refused. The sink is untouched then.
+/// Source: Adobe's published Photoshop file format.
+RASTKIT_API ImgError LoadPSDFile(const char* fileName, const char* psdLayerArg1, const char* psdLayerArg2,
+    ImgBuffer& buffer, IMGINFO* info);
+
 /// Fills width, height, bitsPerPixel, numChannels and bytesPerPixel (not null) from a Targa file's first 18
 /// bytes; nothing else is checked, not even the image type. Sizes of 32768 and above come out negative.
 /// Errors: IMGERR_OPEN; IMGERR_FORMAT short header.
@@ -64,6 +79,44 @@ RASTKIT_API ImgError LoadTGAHeader(const char* fileName, IMGINFO* info);
 /// Errors: IMGERR_OPEN; IMGERR_FORMAT short header or an image type other than 1, 2, 3, 9, 10, 11;
 /// IMGERR_MEMORY; IMGERR_READ cut data. Source: Truevision TGA 2.0.
 RASTKIT_API ImgError LoadTGAFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// Fills width, height, bitsPerPixel and numChannels from the headers of a bitmap of 24 or 32 bits; all else
+/// in `info` (may be null) becomes 0. Sizes are the low 16 bits of the file's, with their sign. Errors:
+/// IMGERR_OPEN; IMGERR_READ short headers; IMGERR_FORMAT no bitmap; IMGERR_UNSUPPORTED encoded pixels, any
+/// other depth, also those that have a palette and are loaded.
+RASTKIT_API ImgError LoadBMPHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes an uncompressed Windows bitmap of 1, 4, 8, 24 or 32 bits into `buffer` as packed pixels. Palette
+/// entries keep their reserved byte as alpha, which is mostly 0, and 32 bits their fourth byte. The lowest
+/// bit of a byte is the leftmost of its eight pixels. A file with the top row first stores nothing. `info`
+/// (may be null) is filled before the pixels are read, as by `LoadBMPHeader`; numChannels is bits / 8.
+/// Errors: as `LoadBMPHeader`; IMGERR_UNSUPPORTED also for palettes of more than 256 colours; IMGERR_READ cut
+/// off, the rows before that are stored; IMGERR_MEMORY.
+RASTKIT_API ImgError LoadBMPFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// The same into an array of width x height words 0xAARRGGBB of the caller's, by an older reader: compression
+/// is not looked at, 24 and 32 bits are opaque, 8 bits too where the reserved byte is 0; files of 1 and 4
+/// bits are IMGERR_READ. `info` (may be null) is filled on success. Errors: as above, but none for
+/// compression; IMGERR_UNSUPPORTED also for a number of planes other than 1.
+RASTKIT_API ImgError LoadBMPFile(const char* fileName, unsigned int* pixels, IMGINFO* info);
+
+/// These answer IMGERR_READ to every bitmap: the renderer does not load them from memory.
+/// Errors: IMGERR_READ; IMGERR_MEMORY "Can't read NULL BMP data" when `data` is null or `size` 0.
+RASTKIT_API ImgError LoadBMPArrayHeader(const unsigned char* data, unsigned long size, IMGINFO* info);
+RASTKIT_API ImgError LoadBMPArray(
+    const unsigned char* data, unsigned long size, ImgBuffer& buffer, IMGINFO* info);
+
+/// Fills width, height, bitsPerPixel 32, numChannels 4 and bytesPerPixel 16 (`info` may be null) from the
+/// header of a Radiance HDR file. Errors: IMGERR_OPEN; IMGERR_READ for all that is wrong with the header;
+/// IMGERR_MEMORY.
+RASTKIT_API ImgError LoadHDRHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes a Radiance HDR file, run-length encoded in either form or flat, into `buffer` as opaque float
+/// pixels. Every file is taken for one that goes from the top left to the right; one with columns first is
+/// IMGERR_FORMAT. XYZ is not converted. `info` is filled before the pixels are read.
+/// Errors: IMGERR_OPEN; IMGERR_FORMAT; IMGERR_READ cut or broken, the scanlines before that are stored;
+/// IMGERR_MEMORY. Source: Radiance File Formats.
+RASTKIT_API ImgError LoadHDRFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
 
 /// Fills width, height and, whatever the file's components are, bitsPerPixel 128, numChannels 4 and
 /// bytesPerPixel 16 (`info` is not null) from the header of a JPEG file.
@@ -103,3 +156,71 @@ RASTKIT_API ImgError LoadTIFFile(const char* fileName, ImgBuffer& buffer, IMGINF
 /// The content hash in a TIFF file's image description (tag 270), as `getImageSHATag` copies it; 0 when
 /// there is none.
 RASTKIT_API int LoadTIFSHA(const char* fileName, char* out, int outSize);
+
+/// Fills width, height, numChannels and bitsPerPixel of `info` (may be null) from the header of an SGI file
+/// and clears the others. Nothing but the magic number is checked, and what is missing of the header counts
+/// as 0. Errors: IMGERR_OPEN; IMGERR_FORMAT.
+RASTKIT_API ImgError LoadSGIHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes an SGI file of 1, 3 or 4 channels into `buffer` as packed pixels, opaque where there is no fourth
+/// channel; of 16-bit samples the upper byte. Files of 2 or more than 4 channels give transparent black.
+/// Missing bytes are 0xFF, and no failure. `info` (may be null) is filled as by `LoadSGIHeader`, before the
+/// pixels are read, but sizes of 32768 and above come out negative. Errors: IMGERR_OPEN; IMGERR_FORMAT;
+/// IMGERR_MEMORY. Source: The SGI Image File Format, 1.00.
+RASTKIT_API ImgError LoadSGIFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// Fills width, height, numChannels, bitsPerPixel and bytesPerPixel of `info` (may be null) from the header
+/// of a Softimage PIC file: as many channels as its packets name, of 8 bits. When the packets are refused,
+/// the first two alone. Errors: as `LoadPICFile`.
+RASTKIT_API ImgError LoadPICHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes a Softimage PIC file of 8-bit channels into `buffer` as packed pixels. A channel that no packet
+/// has is 0, alpha included: such files are transparent. A sink that is not valid after `init` is not an
+/// error here. `info` (may be null) is filled as by `LoadPICHeader`, before the pixels are read. After a
+/// failure the rows before it are stored. Errors: IMGERR_OPEN; IMGERR_FORMAT; IMGERR_READ the file ends in
+/// the header or later, or a run does not fit into its row; IMGERR_UNSUPPORTED other depths, compressions or
+/// channels; IMGERR_MEMORY; an ImgErrorCode that the sink throws.
+RASTKIT_API ImgError LoadPICFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+/// Fills width, height, bitsPerPixel, numChannels and bytesPerPixel of `info` (may be null) from the header
+/// of a DirectDraw Surface file, as `LoadDDSFile` does. Errors: IMGERR_OPEN; IMGERR_READ cut header;
+/// IMGERR_FORMAT no DDS file or a size that cannot be; IMGERR_UNSUPPORTED a pixel format that is not decoded.
+RASTKIT_API ImgError LoadDDSHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes the largest level of the first face or slice of a DirectDraw Surface file into `buffer`: formats
+/// of up to 8 bits a channel as packed pixels (32 bits, 4 channels and 4 bytes a pixel in `info`), all
+/// others, BC6H among them, as float pixels (128, 4 and 16). Signed bytes are moved up by 128. sRGB bytes and
+/// premultiplied colours are delivered as stored. `info` may be null and is filled on success.
+/// Errors: as `LoadDDSHeader`; IMGERR_READ cut data, the pixels before the cut are stored; IMGERR_LIBRARY the
+/// sink is not valid, or memory was refused. Source: Microsoft, DDS file layout and Direct3D 11 block
+/// compression; ARB_texture_compression_bptc.
+RASTKIT_API ImgError LoadDDSFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// Fills all fields of `info` (may be null) from an OpenEXR file's header; they are all 0 when it cannot be
+/// read. Channels named R, G, B, A and Y count, in either case: numChannels is 1 or 2 (with A) for Y without
+/// colours, else 3 or 4; bitsPerPixel is 16 or 32 times as much; bytesPerPixel is 0. The size is that of the
+/// data window. Of a file of several parts it is the first.
+/// Errors: IMGERR_READ for everything, with one line on standard error that says what it is.
+RASTKIT_API ImgError LoadEXRHeader(const char* fileName, IMGINFO* info);
+
+/// Decodes an OpenEXR file into `buffer` as float pixels, (0, 0) being the corner of the data window: R, G, B
+/// and A, or Y, Y, Y and A. Only upper-case names are read; a channel that the file has not is 0, A is 1. Of
+/// mip-mapped files it is the largest level. `info` (may be null) is filled as by `LoadEXRHeader`, before the
+/// pixels are read; it stays as it is when the file cannot be opened.
+/// Errors: IMGERR_READ with one line on standard error, also when the sink throws, whose storage is released
+/// then; deep files too. IMGERR_MEMORY.
+RASTKIT_API ImgError LoadEXRFile(const char* fileName, ImgBuffer& buffer, IMGINFO* info);
+
+/// The same into an array of width x height words 0xAARRGGBB of the caller's: colours times 256, cut to 255;
+/// alpha is its whole number, so that an opaque pixel has 1 in the top byte. Files of luminance and chroma
+/// become coloured here.
+RASTKIT_API ImgError LoadEXRFile(const char* fileName, unsigned int* pixels, IMGINFO* info);
+
+/// Decodes a level of a tiled OpenEXR file (0 is the largest) into `buffer` as float pixels, as a square: its
+/// height is cut to its width, or filled up with zeros. `info` (may be null) gets the size (its low 16
+/// bits), 32 bits per pixel and 4 channels once the level is read.
+/// Errors: as `LoadEXRFile`, IMGERR_READ also for a file without tiles or without that level.
+RASTKIT_API ImgError LoadEXRLevel(const char* fileName, ImgBuffer& buffer, IMGINFO* info, int level);
+
+/// The content hash in an OpenEXR file's attribute "comments", as `getImageSHATag` copies it; 0 when there
+/// is none. Prints nothing.
+RASTKIT_API int LoadEXRSHA(const char* fileName, char* out, int outSize);

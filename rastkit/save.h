@@ -31,8 +31,9 @@ enum SaveFlags {
 /// writer's own.
 RASTKIT_API ImgError SaveImageFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
 
-/// Writes float pixels: as they are to .exr and .hdr, converted by `CreateUInt32FromFloat` to all others.
-/// Errors: as for packed pixels, and IMGERR_MEMORY.
+/// Writes float pixels: unclamped to a name that ends in .exr or .hdr, converted by `CreateUInt32FromFloat`
+/// to all others. OpenEXR's writer takes the first of them for blue: red and blue are exchanged in the file.
+/// Errors: as for packed pixels, IMGERR_MEMORY, the writers' own.
 RASTKIT_API ImgError SaveImageFile(const char* fileName, IMGINFO* info, float* pixels);
 
 /// Writes the channel at position `channel` of a frame; a negative `alphaChannel` means no alpha.
@@ -53,11 +54,19 @@ RASTKIT_API ImgError SaveImageFile_allChannels(const char* fileName, QUtils::Pix
     bool nameColorChannel);
 
 /// Writes all raw channels to one quimg or OpenEXR file; everything comes from `settings`, and `buffer`
-/// is not used.
-/// Errors: IMGERR_UNSUPPORTED; else the raw-output writer's own.
+/// is not used. The name, with its frame number, is cut to 511 bytes.
+/// Errors: IMGERR_UNSUPPORTED unless the name is one of those formats'; else `SaveQUIMGFile`'s or
+/// `SaveEXRFile`'s.
 RASTKIT_API ImgError SaveImageFile_multiChannel(const char* fileName,
     QUtils::RawImageSettingsInterface* settings, QUtils::PixelBufferInterface* buffer, bool addFrameNumber,
     int frame, int numDigits);
+
+/// Writes the raw output that `settings` (not null) holds, all channels, as a quimg, which keeps every sample
+/// as it was rendered (RIFile), or as one multi-channel OpenEXR file (ExrFile). Without region data the file
+/// has its headers only; OpenEXR's lines are zero then. Errors, each with a text: -3 the file, resolution,
+/// regions or scene; -4 channels or pixels, when a row is refused too; -5 the camera.
+RASTKIT_API ImgError SaveQUIMGFile(const char* fileName, QUtils::RawImageSettingsInterface* settings);
+RASTKIT_API ImgError SaveEXRFile(const char* fileName, QUtils::RawImageSettingsInterface* settings);
 
 /// Copies `fileName` to `out` (at most `outSize` bytes), with the frame number if asked for.
 RASTKIT_API void SaveImageFile_getFilename(
@@ -110,6 +119,31 @@ RASTKIT_API ImgError SaveTGAFile(const char* fileName, IMGINFO* info, float* pix
 RASTKIT_API ImgError SaveTGAFile_pb(
     const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);
 
+/// Writes packed pixels as an uncompressed bitmap of 24 bits; alpha is left out. Of `info` (not null) width
+/// and height count. What cannot be written is not reported. Errors: IMGERR_OPEN; IMGERR_MEMORY.
+RASTKIT_API ImgError SaveBMPFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// Writes nothing: bitmaps take no float pixels.
+/// Errors: IMGERR_UNSUPPORTED, always.
+RASTKIT_API ImgError SaveBMPFile(const char* fileName, IMGINFO* info, float* pixels);
+
+/// Writes one channel of a frame as an uncompressed bitmap of 24 bits; `alphaChannel` is ignored, and what
+/// cannot be written is not reported. Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE the frame refused a
+/// row.
+RASTKIT_API ImgError SaveBMPFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int rgbChannel, int alphaChannel, int flags);
+
+/// Writes pixels of three floats red, green, blue as a flat Radiance HDR file; mantissas are truncated. Of
+/// `info` (not null) width and height count. What cannot be written of the pixels is not reported.
+/// `SaveImageFile` hands its pixels of four floats over as they are, which this function does not know.
+/// Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE the header.
+RASTKIT_API ImgError SaveHDRFile(const char* fileName, IMGINFO* info, float* pixels);
+
+/// Writes the colours of one channel of a frame in the same way; `alphaChannel` and `flags` are ignored.
+/// Errors: as above; IMGERR_WRITE also when the frame refused a row.
+RASTKIT_API ImgError SaveHDRFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);
+
 /// Writes packed pixels as a JPEG file of three components and quality 85; alpha is left out. Of `info` (not
 /// null) width and height count, 1 to 65500 each.
 /// Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE, other sizes included. Source: ITU-T T.81.
@@ -125,6 +159,28 @@ RASTKIT_API ImgError SaveJPGFile(const char* fileName, IMGINFO* info, float* pix
 RASTKIT_API ImgError SaveJPGFile_pb(
     const char* fileName, QUtils::PixelBufferInterface& pixels, int rgbChannel, int alphaChannel, int flags);
 
+/// Writes packed pixels as a verbatim SGI file of four channels of 8 bits, bottom row first. Of `info` (not
+/// null) width and height count, their low 16 bits in the header. A file that cannot be written to is not
+/// told of. Errors: IMGERR_OPEN; IMGERR_MEMORY. Source: The SGI Image File Format, 1.00.
+RASTKIT_API ImgError SaveSGIFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// Writes one channel of a frame as a verbatim SGI file of three channels, or four with alpha, of 16 bits if
+/// `SgiSettingsInterface` says so, else of 8. The frame is asked for every row once for each of them. A file
+/// that cannot be written to is not told of. Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE a refused row.
+RASTKIT_API ImgError SaveSGIFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);
+
+/// Writes packed pixels as a Softimage PIC file of two packets of runs, colours and alpha. Red and blue are
+/// exchanged in the file. Of `info` (not null) width and height count, their low 16 bits in the header.
+/// Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE.
+RASTKIT_API ImgError SavePICFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// Writes one channel of a frame as a Softimage PIC file: like packed pixels, always with alpha, and with red
+/// and blue exchanged. Errors: as those, IMGERR_WRITE also for a refused row, and an ImgErrorCode that the
+/// frame throws.
+RASTKIT_API ImgError SavePICFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);
+
 /// Writes packed pixels as an uncompressed TIFF file of four 8-bit samples. Red and blue are exchanged in the
 /// file: its samples are blue, green, red and alpha of each pixel. `info` is not null; its width and height
 /// count. Errors: IMGERR_OPEN; IMGERR_WRITE, also for a size below 1 and for files over 4 GiB. Source:
@@ -136,4 +192,24 @@ RASTKIT_API ImgError SaveTIFFile(const char* fileName, IMGINFO* info, unsigned i
 /// of the frame passes through. Errors: IMGERR_OPEN; IMGERR_MEMORY; IMGERR_WRITE, also for exceptions, a size
 /// below 1 and files over 4 GiB.
 RASTKIT_API ImgError SaveTIFFile_pb(
+    const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);
+
+/// Writes packed pixels as an OpenEXR file of four half channels with PIZ compression: each byte times 1/255.
+/// Of `info` (not null) width and height count. No exception passes through.
+/// Errors: IMGERR_MEMORY; IMGERR_WRITE, also for a file that cannot be made and for sizes below 1.
+RASTKIT_API ImgError SaveEXRFile(const char* fileName, IMGINFO* info, unsigned int* pixels);
+
+/// The same of float pixels, whose order here is blue, green, red, alpha, as that of a packed word's bytes:
+/// through `SaveImageFile`, which takes red first, red and blue come out exchanged.
+RASTKIT_API ImgError SaveEXRFile(const char* fileName, IMGINFO* info, float* pixels);
+
+/// Writes one channel of a frame as an OpenEXR file of the channels R, G, B, and A where `alphaChannel` is
+/// not negative, of floats or halfs, compressed and with the attributes as `ExrSettingsInterface` says.
+/// `flags`: SAVE_EXR_INTEGER writes an integer channel as one of 32-bit numbers, under its own name;
+/// SAVE_EXR_CORRECTED takes a channel of the type 113 colour-corrected where the frame's plug-in offers that.
+/// With threads (`setThreadCount`) some more rows are held; they are asked for one by one, in order. When one
+/// is refused the file has all chunks that were complete before it.
+/// No exception passes through, the frame's included; what it says goes to standard error.
+/// Errors: IMGERR_MEMORY; IMGERR_WRITE, also for a file that cannot be made and for sizes below 1.
+RASTKIT_API ImgError SaveEXRFile_pb(
     const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int alphaChannel, int flags);

@@ -23,7 +23,8 @@ struct IMGINFO {
 /// QUtils::ImageF for ready-made ones.
 ///
 /// An exception that an operation throws, `init` included, ends the load, closes the file, calls `freeMem`
-/// and reaches the caller of the loader.
+/// and reaches the caller of the loader. (Loaders of OpenEXR files answer it with IMGERR_READ instead:
+/// nothing that is thrown leaves them.)
 class RASTKIT_API ImgBuffer {
 public:
     virtual ~ImgBuffer();

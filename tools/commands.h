@@ -22,5 +22,6 @@ using Action = std::function<int()>;
 Action addInfo(CLI::App& command);
 Action addConvert(CLI::App& command);
 Action addFormats(CLI::App& command);
+Action addRaw(CLI::App& command);
 
 } // namespace tool

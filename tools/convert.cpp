@@ -1,10 +1,9 @@
 #include "tools/commands.h"
 #include "tools/input.h"
-#include "tools/interrupt.h"
 #include "tools/messages.h"
+#include "tools/output.h"
+#include "tools/threads.h"
 
-#include "rastkit/image/atomic_file.h"
-#include "rastkit/image/format_support.h"
 #include "rastkit/image/standard_load.h"
 #include "rastkit/image/standard_save.h"
 
@@ -15,8 +14,6 @@ namespace tool {
 
 namespace {
 
-using QUtils::AtomicFile;
-
 constexpr const char* cannotRead = "cannot be read";
 constexpr const char* cannotWrite = "cannot be written";
 
@@ -24,20 +21,6 @@ struct Arguments {
     std::string in, out;
     bool sync = false;
 };
-
-/// The index of the format that the name's extension asks for; -1, with a message, when there is none to
-/// be written.
-int chooseFormat(const std::string& name)
-{
-    const auto formats = QUtils::listFormats();
-    const QUtils::FormatSupport* const format = QUtils::findFormat(formats, name.c_str());
-    if (!format)
-        reportFailure(name, cannotWrite, "its extension names no known format (see `rastkit formats`)");
-    else if (!format->writes)
-        reportFailure(
-            name, cannotWrite, "this build does not write the format " + format->extensions.front());
-    return format && format->writes ? format->formatIndex : -1;
-}
 
 /// What is read and written: one of the two images, as deep as the file's samples are.
 struct Picture {
@@ -78,33 +61,14 @@ ImgError save(const std::string& name, int formatIndex, const Picture& picture)
                           : QUtils::saveStandard(name.c_str(), formatIndex, picture.bytes);
 }
 
-/// The reason of a failed write; `number` is the errno that it left, 0 if none.
-std::string writeReason(const ImgError& error, int number)
-{
-    const bool isSystems = error.code() == IMGERR_OPEN || error.code() == IMGERR_WRITE;
-    return isSystems && number != 0 ? systemWords(number) : inWords(error);
-}
-
 /// Why the image was not written; empty when it was.
 std::string write(const Arguments& arguments, int formatIndex, const Picture& picture)
 {
-    RemoveOnSignal onSignal;
-    AtomicFile file;
-    {
-        // No signal may come between the making of the file and its being watched.
-        const SignalBlock block;
-        if (const std::error_code error = file.begin(arguments.out.c_str()))
-            return error.message();
-        if (file.isTemporary())
-            onSignal.watch(file.name());
-    }
-    errno = 0;
-    const ImgError error = save(file.name(), formatIndex, picture);
-    const int number = errno;
-    if (error.code() != IMGERR_NONE)
-        return writeReason(error, number);
-    const std::error_code failed = file.commit(arguments.sync ? AtomicFile::Sync::Yes : AtomicFile::Sync::No);
-    return failed ? failed.message() : std::string();
+    return writeAtomically(arguments.out, arguments.sync, [&](const std::string& name) {
+        errno = 0;
+        const ImgError error = save(name, formatIndex, picture);
+        return error.code() == IMGERR_NONE ? std::string() : writeReason(error, errno);
+    });
 }
 
 int convert(const Arguments& arguments)
@@ -112,6 +76,7 @@ int convert(const Arguments& arguments)
     const int formatIndex = chooseFormat(arguments.out);
     if (formatIndex < 0)
         return EXIT_USAGE;
+    useThreads();
     Picture picture;
     if (!load(arguments.in, picture))
         return EXIT_FILE;

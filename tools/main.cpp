@@ -24,6 +24,7 @@ constexpr Command tableCommands[] = {
     { "info",    "Say what image files hold",                        addInfo },
     { "convert", "Write an image in the format of another extension", addConvert },
     { "formats", "List the formats and what this build does with them", addFormats },
+    { "raw",     "Look at quimg files, raw render output, and convert them", addRaw },
 };
 // clang-format on
 

@@ -1,7 +1,9 @@
 #include "qutils/raw/records.h"
+#include "qutils/raw/pstream.h"
 
 namespace QUtils {
 
+PStream::~PStream() = default;
 RegionChannelCallback::~RegionChannelCallback() = default;
 
 int RegionChannelCallback::getKind()

@@ -64,6 +64,24 @@ std::size_t findRepeat(const std::uint8_t* pixels, std::size_t pixelBytes, std::
     return count;
 }
 
+/// The same for pixels of one or two bytes, as many of which as fill a word are looked at together. `lowest`
+/// has the lowest bit of each pixel in a word set, `highest` the highest.
+template <std::size_t bytes, std::uint64_t lowest, std::uint64_t highest>
+std::size_t findNarrowRepeat(const std::uint8_t* pixels, std::size_t count)
+{
+    constexpr std::size_t wordPixels = sizeof(std::uint64_t) / bytes;
+    std::size_t i = 0;
+    for (; count - i >= wordPixels + 2; i += wordPixels) {
+        const std::uint8_t* const at = pixels + i * bytes;
+        const std::uint64_t next = wordAt(at + bytes);
+        const std::uint64_t difference = (wordAt(at) ^ next) | (next ^ wordAt(at + 2 * bytes));
+        // The lowest bit that is set belongs to the first pixel of no difference.
+        if (const std::uint64_t same = (difference - lowest) & ~difference & highest)
+            return i + std::size_t(std::countr_zero(same)) / (8 * bytes);
+    }
+    return i + findRepeat<AnyPixel>(pixels + i * bytes, bytes, count - i);
+}
+
 } // namespace
 
 std::size_t runLength(const std::uint8_t* pixels, std::size_t pixelBytes, std::size_t count)
@@ -76,6 +94,8 @@ std::size_t runLength(const std::uint8_t* pixels, std::size_t pixelBytes, std::s
 std::size_t rawLength(const std::uint8_t* pixels, std::size_t pixelBytes, std::size_t count)
 {
     switch (pixelBytes) {
+    case 1: return findNarrowRepeat<1, 0x0101010101010101, 0x8080808080808080>(pixels, count);
+    case 2: return findNarrowRepeat<2, 0x0001000100010001, 0x8000800080008000>(pixels, count);
     case 3: return findRepeat<Pixel24>(pixels, pixelBytes, count);
     case 4: return findRepeat<Pixel32>(pixels, pixelBytes, count);
     default: return findRepeat<AnyPixel>(pixels, pixelBytes, count);

@@ -23,34 +23,6 @@ namespace {
 
 // --- What a file can fill --------------------------------------------------------------------------------
 
-constexpr std::uint64_t deflateExpansion = 1032;
-
-/// How many bytes one byte of compressed data can become, at most.
-std::uint64_t expansionOf(unsigned compression)
-{
-    switch (compression) {
-    case COMPRESSION_NONE: return 1;
-    case COMPRESSION_PACKBITS: return 64;
-    case COMPRESSION_LZW: return 4096;
-    case COMPRESSION_DEFLATE:
-    case COMPRESSION_ADOBE_DEFLATE: return deflateExpansion;
-    case COMPRESSION_OJPEG:
-    case COMPRESSION_JPEG: return 1024; // 64 samples take a bit at least.
-    default: return 1 << 16; // A bit can be a row in some, and a block of one colour next to nothing.
-    }
-}
-
-/// Whether the file has so many bytes in it once they are decompressed. What is that large needs a file that
-/// is not tiny, however strong the compression.
-bool canFill(TIFF* tiff, std::uint64_t expansion, std::uint64_t bytes)
-{
-    constexpr std::uint64_t largeBytes = std::uint64_t(2) << 30;
-    if (bytes > largeBytes)
-        expansion = std::min(expansion, deflateExpansion);
-    std::uint64_t most = 0;
-    return __builtin_mul_overflow(tiffFileBytes(tiff), expansion, &most) || bytes <= most;
-}
-
 /// Whether decompressing all strips or tiles is work in proportion to the file or to the picture. Tiles may
 /// share their bytes, as blank ones do; but shared tiles far larger than the picture, or thousands of samples
 /// in a pixel, could keep a reader busy for hours with a few kilobytes.
@@ -65,7 +37,7 @@ bool isInProportion(TIFF* tiff, const TiffTags& tags)
         return false;
     const std::uint64_t pixels = std::uint64_t(tags.width) * std::uint64_t(tags.height);
     return bytes <= allowance || (bytes - allowance) / mostBytesOfPixel <= pixels
-        || canFill(tiff, expansionOf(tags.compression), bytes);
+        || tiffCanFill(tiff, tiffExpansion(tags.compression), bytes);
 }
 
 // --- Strips and tiles ------------------------------------------------------------------------------------
@@ -100,7 +72,7 @@ public:
         std::uint64_t bytes = 0;
         if (planeBytes == 0 || __builtin_mul_overflow(planeBytes, std::uint64_t(planes.count), &bytes))
             return IMGERR_FORMAT;
-        if (!canFill(tiff, expansionOf(compression), bytes))
+        if (!tiffCanFill(tiff, tiffExpansion(compression), bytes))
             return IMGERR_READ;
         // Zeros, so that nothing but the file shows in the picture whatever a decompressor leaves out.
         m_bytes = allocateZeroPixels(std::size_t(bytes));
@@ -236,22 +208,6 @@ template <typename Pixel> ImgErrorCode readChunks(const Image& image, RowSink& s
 
 // --- Images that are decoded here ------------------------------------------------------------------------
 
-ImgErrorCode readPalette(
-    TIFF* tiff, const TiffTags& tags, Conventions conventions, Table<Color, 100>& palette)
-{
-    if (tags.photometric != PHOTOMETRIC_PALETTE)
-        return IMGERR_NONE;
-    if (conventions == Conventions::Standard)
-        return readTiffColorMap(tiff, tags.bits, conventions, palette);
-    // Without a map the handle would be closed in there.
-    const bool asksForMap = tags.bits <= 16 && !(tags.bits == 1 && tags.samples == 1);
-    if (asksForMap && !hasTiffColorMap(tiff))
-        return IMGERR_FORMAT;
-    const int isSetUp = setupTIFPalette(tiff, std::uint16_t(tags.photometric), std::uint16_t(tags.bits),
-        std::uint16_t(tags.samples), palette);
-    return isSetUp && palette.empty() ? IMGERR_MEMORY : IMGERR_NONE;
-}
-
 TiffPixelLayout layoutOf(const TiffTags& tags)
 {
     TiffPixelLayout layout;
@@ -269,7 +225,7 @@ ImgErrorCode loadSamples(TIFF* tiff, const TiffTags& tags, Conventions conventio
     if (tags.isLog())
         TIFFSetField(tiff, TIFFTAG_SGILOGDATAFMT, SGILOGDATAFMT_FLOAT);
     Table<Color, 100> palette;
-    RASTKIT_TRY(readPalette(tiff, tags, conventions, palette));
+    RASTKIT_TRY(readTiffPalette(tiff, tags, conventions, palette));
     TiffPixelLayout layout = layoutOf(tags);
     const Planes planes = pickPlanes(layout);
     TiffPixelDecoder decoder;
@@ -296,10 +252,10 @@ ImgErrorCode makeRaster(TIFF* tiff, const TiffTags& tags, PixelMemory& raster)
     // have all of it, and a small picture none.
     constexpr std::uint64_t leastExpansion = 64, bytesOfPixel = sizeof(std::uint32_t);
     constexpr std::size_t allowance = std::size_t(16) << 20;
-    const std::uint64_t expansion = std::max(expansionOf(tags.compression) * bytesOfPixel, leastExpansion);
+    const std::uint64_t expansion = std::max(tiffExpansion(tags.compression) * bytesOfPixel, leastExpansion);
     std::size_t bytes = 0;
     if (!multiply(std::size_t(tags.width), std::size_t(tags.height), bytesOfPixel, bytes)
-        || (bytes > allowance && !canFill(tiff, expansion, bytes)) || !isInProportion(tiff, tags))
+        || (bytes > allowance && !tiffCanFill(tiff, expansion, bytes)) || !isInProportion(tiff, tags))
         return IMGERR_READ;
     raster = allocateZeroPixels(bytes);
     return raster ? IMGERR_NONE : IMGERR_MEMORY;

@@ -20,6 +20,8 @@ namespace QUtils {
 
 namespace {
 
+constexpr std::uint64_t deflateExpansion = 1032;
+
 // --- The file behind a handle ----------------------------------------------------------------------------
 
 /// Reads whole blocks ahead and writes whole blocks behind: libtiff asks for a directory in pieces of a few
@@ -325,6 +327,29 @@ void* tiffRoom(TIFF* tiff, std::size_t bytes)
 std::uint64_t tiffFileBytes(TIFF* tiff)
 {
     return streamOf(TIFFClientdata(tiff)).size();
+}
+
+std::uint64_t tiffExpansion(unsigned compression)
+{
+    switch (compression) {
+    case COMPRESSION_NONE: return 1;
+    case COMPRESSION_PACKBITS: return 64;
+    case COMPRESSION_LZW: return 4096;
+    case COMPRESSION_DEFLATE:
+    case COMPRESSION_ADOBE_DEFLATE: return deflateExpansion;
+    case COMPRESSION_OJPEG:
+    case COMPRESSION_JPEG: return 1024; // 64 samples take a bit at least.
+    default: return 1 << 16; // A bit can be a row in some, and a block of one colour next to nothing.
+    }
+}
+
+bool tiffCanFill(TIFF* tiff, std::uint64_t expansion, std::uint64_t bytes)
+{
+    constexpr std::uint64_t largeBytes = std::uint64_t(2) << 30;
+    if (bytes > largeBytes)
+        expansion = std::min(expansion, deflateExpansion);
+    std::uint64_t most = 0;
+    return __builtin_mul_overflow(tiffFileBytes(tiff), expansion, &most) || bytes <= most;
 }
 
 void LibTIFF_StopWarnings()

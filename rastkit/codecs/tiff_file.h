@@ -35,4 +35,11 @@ void* tiffRoom(TIFF* tiff, std::size_t bytes);
 /// Bytes of the file behind a handle of my_TIFFOpen.
 std::uint64_t tiffFileBytes(TIFF* tiff);
 
+/// How many bytes one byte of data can become that is compressed in this way (tag 259), at most.
+std::uint64_t tiffExpansion(unsigned compression);
+
+/// Whether the file has so many bytes in it once they are decompressed. What is that large needs a file that
+/// is not tiny, however strong the compression.
+bool tiffCanFill(TIFF* tiff, std::uint64_t expansion, std::uint64_t bytes);
+
 } // namespace QUtils

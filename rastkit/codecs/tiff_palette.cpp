@@ -124,4 +124,20 @@ int setupTIFPalette(TIFF* tiff, unsigned short photometric, unsigned short bits,
     }
 }
 
+ImgErrorCode readTiffPalette(
+    TIFF* tiff, const TiffTags& tags, Conventions conventions, Table<Color, 100>& palette)
+{
+    if (tags.photometric != PHOTOMETRIC_PALETTE)
+        return IMGERR_NONE;
+    if (conventions == Conventions::Standard)
+        return readTiffColorMap(tiff, tags.bits, conventions, palette);
+    // Without a map the handle would be closed in there.
+    const bool asksForMap = tags.bits <= 16 && !(tags.bits == 1 && tags.samples == 1);
+    if (asksForMap && !hasTiffColorMap(tiff))
+        return IMGERR_FORMAT;
+    const int isSetUp = setupTIFPalette(tiff, std::uint16_t(tags.photometric), std::uint16_t(tags.bits),
+        std::uint16_t(tags.samples), palette);
+    return isSetUp && palette.empty() ? IMGERR_MEMORY : IMGERR_NONE;
+}
+
 } // namespace QUtils

@@ -1,9 +1,16 @@
 #include "rastkit/image/standard_load.h"
 
+#include "rastkit/codecs/bmp_core.h"
+#include "rastkit/codecs/dds_core.h"
+#include "rastkit/codecs/hdr_core.h"
 #include "rastkit/codecs/jpeg_core.h"
+#include "rastkit/codecs/pic.h"
 #include "rastkit/codecs/png_core.h"
+#include "rastkit/codecs/psd_core.h"
+#include "rastkit/codecs/sgi_core.h"
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/codecs/tiff_core.h"
+#include "rastkit/exr/exr_core.h"
 #include "rastkit/model/load_dispatch.h"
 
 #include <algorithm>
@@ -27,9 +34,16 @@ struct CodecCore {
 constexpr CodecCore tableCodecCores[] = {
     // type         pixels    header
     { IMGTYPE_PNG,  loadPng,  loadPngHeader },
+    { IMGTYPE_PSD,  loadPsd,  loadPsdHeader },
     { IMGTYPE_TGA,  loadTga,  loadTgaHeader },
     { IMGTYPE_JPEG, loadJpeg, loadJpegHeader },
+    { IMGTYPE_BMP,  loadBmp,  loadBmpHeader },
+    { IMGTYPE_EXR,  loadExr,  loadExrHeader },
+    { IMGTYPE_SGI,  loadSgi,  loadSgiHeader },
+    { IMGTYPE_PIC,  loadPic,  loadPicHeader },
+    { IMGTYPE_HDR,  loadHdr,  loadHdrHeader },
     { IMGTYPE_TIFF, loadTiff, loadTiffHeader },
+    { IMGTYPE_DDS,  loadDds,  loadDdsHeader },
 };
 // clang-format on
 

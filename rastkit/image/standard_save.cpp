@@ -1,10 +1,15 @@
 #include "rastkit/image/standard_save.h"
 
+#include "rastkit/codecs/bmp_core.h"
+#include "rastkit/codecs/hdr_core.h"
 #include "rastkit/codecs/jpeg_core.h"
+#include "rastkit/codecs/pic.h"
 #include "rastkit/codecs/png_core.h"
+#include "rastkit/codecs/sgi_core.h"
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/codecs/tga_format.h"
 #include "rastkit/codecs/tiff_core.h"
+#include "rastkit/exr/exr_core.h"
 #include "rastkit/model/format_tables.h"
 
 #include <algorithm>
@@ -122,9 +127,21 @@ ImgError savePngImage(const char* fileName, PixelBufferInterface& frame, int alp
     return savePng(fileName, frame, colorChannel, alphaChannel, 0, compression, bits, Conventions::Standard);
 }
 
+/// Without alpha, as most programs write bitmaps: few would read it back.
+ImgError saveBmpImage(const char* fileName, PixelBufferInterface& frame, int, SampleDepth)
+{
+    return saveBmp(fileName, frame, colorChannel, 0, Conventions::Standard);
+}
+
 ImgError saveTgaImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth)
 {
     return saveTga(fileName, frame, colorChannel, alphaChannel, 0, TGA_TRUE_COLOR, Conventions::Standard);
+}
+
+/// The format has no alpha.
+ImgError saveHdrImage(const char* fileName, PixelBufferInterface& frame, int, SampleDepth)
+{
+    return saveHdr(fileName, frame, colorChannel, Conventions::Standard);
 }
 
 /// Of so high a quality that a picture which is converted once shows nothing of it.
@@ -142,6 +159,28 @@ ImgError saveTiffImage(const char* fileName, PixelBufferInterface& frame, int al
     return saveTiff(fileName, frame, colorChannel, alphaChannel, 0, options, Conventions::Standard);
 }
 
+/// Of more than 8 bits the format has 16.
+ImgError saveSgiImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth depth)
+{
+    SgiSaveOptions options;
+    options.bitsPerChannel = depth == SampleDepth::Byte ? 8 : 16;
+    options.runLength = true;
+    return saveSgi(fileName, frame, colorChannel, alphaChannel, 0, options, Conventions::Standard);
+}
+
+ImgError savePicImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth)
+{
+    return savePic(fileName, frame, colorChannel, alphaChannel, 0, Conventions::Standard);
+}
+
+/// Halfs hold every byte, but not every 16-bit number.
+ImgError saveExrImage(const char* fileName, PixelBufferInterface& frame, int alphaChannel, SampleDepth depth)
+{
+    ExrSaveOptions options;
+    options.bitsPerChannel = depth == SampleDepth::Byte ? 16 : 32;
+    return saveExr(fileName, frame, colorChannel, alphaChannel, 0, options, Conventions::Standard);
+}
+
 /// One format, by its first extension.
 struct StandardWriter {
     using Save = ImgError (*)(
@@ -154,8 +193,13 @@ struct StandardWriter {
 // clang-format off
 constexpr StandardWriter tableStandardWriters[] = {
     { "png", savePngImage },
+    { "bmp", saveBmpImage },
     { "tga", saveTgaImage },
+    { "hdr", saveHdrImage },
     { "jpg", saveJpegImage },
+    { "exr", saveExrImage },
+    { "sgi", saveSgiImage },
+    { "pic", savePicImage },
     { "tif", saveTiffImage },
 };
 // clang-format on

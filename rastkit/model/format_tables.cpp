@@ -9,20 +9,6 @@
 
 namespace QUtils {
 
-namespace {
-
-// What the rows of formats answer that this build does not have.
-ImgError absentFile(const char*, ImgBuffer&, IMGINFO*)
-{
-    return IMGERR_UNSUPPORTED;
-}
-ImgError absentHeader(const char*, IMGINFO*)
-{
-    return IMGERR_UNSUPPORTED;
-}
-
-} // namespace
-
 // clang-format off
 const FileFormatInfo supported[supportedCount] = {
     { "png",          "Portable Network Graphics (*.png)" },
@@ -43,14 +29,14 @@ const ImageLoader tableImageLoaders[imageLoaderCount] = {
     { ".PNG",             LoadPNGFile, LoadPNGHeader, nullptr,     IMGTYPE_PNG },
     { ".TGA",             LoadTGAFile, LoadTGAHeader, nullptr,     IMGTYPE_TGA },
     { ".JPG|.JPEG|.JPE",  LoadJPGFile, LoadJPGHeader, nullptr,     IMGTYPE_JPEG },
-    { ".BMP",             absentFile,  absentHeader,  nullptr,     IMGTYPE_BMP },
-    { ".EXR",             absentFile,  absentHeader,  nullptr,     IMGTYPE_EXR },
-    { ".HDR",             absentFile,  absentHeader,  nullptr,     IMGTYPE_HDR },
-    { ".SGI|.RGB|.RGBA",  absentFile,  absentHeader,  nullptr,     IMGTYPE_SGI },
-    { ".PIC",             absentFile,  absentHeader,  nullptr,     IMGTYPE_PIC },
+    { ".BMP",             LoadBMPFile, LoadBMPHeader, nullptr,     IMGTYPE_BMP },
+    { ".EXR",             LoadEXRFile, LoadEXRHeader, LoadEXRSHA,  IMGTYPE_EXR },
+    { ".HDR",             LoadHDRFile, LoadHDRHeader, nullptr,     IMGTYPE_HDR },
+    { ".SGI|.RGB|.RGBA",  LoadSGIFile, LoadSGIHeader, nullptr,     IMGTYPE_SGI },
+    { ".PIC",             LoadPICFile, LoadPICHeader, nullptr,     IMGTYPE_PIC },
     { ".TIF|.TIFF",       LoadTIFFile, LoadTIFHeader, LoadTIFSHA,  IMGTYPE_TIFF },
-    { ".PSD",             nullptr,     absentHeader,  nullptr,     IMGTYPE_PSD },
-    { ".DDS",             absentFile,  absentHeader,  nullptr,     IMGTYPE_DDS },
+    { ".PSD",             nullptr,     LoadPSDHeader, nullptr,     IMGTYPE_PSD },
+    { ".DDS",             LoadDDSFile, LoadDDSHeader, nullptr,     IMGTYPE_DDS },
 };
 // clang-format on
 

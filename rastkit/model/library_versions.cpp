@@ -45,6 +45,8 @@ void rastkit_getImageLibVersions(Table<CharStringPair, 100>& rows)
     rows.add({ "libjpeg", "6b" });
     rows.add(pngVersion());
     addTiffVersion(rows);
+    // Not a release: the version of the file format, with the name of the constant that has it.
+    rows.add({ "OpenEXR", "EXR_VERSION 2" });
 }
 
 } // namespace QUtils

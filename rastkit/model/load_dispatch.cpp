@@ -13,14 +13,14 @@ ImgError LoadImageHeader(const char* fileName, IMGINFO* info)
         [&](const ImageLoader& loader) { return loader.loadHeader(fileName, info); });
 }
 
-ImgError LoadImageFile(const char* fileName, const char* /*psdLayer*/, const char* /*psdAlpha*/,
-    ImgBuffer& buffer, IMGINFO* info)
+ImgError LoadImageFile(
+    const char* fileName, const char* psdLayer, const char* psdAlpha, ImgBuffer& buffer, IMGINFO* info)
 {
     if (info)
         *info = IMGINFO {};
     return dispatchLoad("LoadImageFile", fileName, [&](const ImageLoader& loader) -> ImgError {
         if (loader.type == IMGTYPE_PSD)
-            return IMGERR_UNSUPPORTED; // This build has no Photoshop reader.
+            return LoadPSDFile(fileName, psdLayer, psdAlpha, buffer, info);
         return loader.loadFile(fileName, buffer, info);
     });
 }

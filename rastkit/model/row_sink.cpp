@@ -47,12 +47,27 @@ void RowSink::setSize(int width, int height)
     m_height = std::max(height, 0);
 }
 
+bool RowSink::handsOut(int y) const
+{
+    return m_rows && m_handsOutStorage && y >= 0 && y < m_height;
+}
+
+unsigned int* RowSink::storage(int y)
+{
+    return handsOut(y) ? m_rows->rowData(y) : nullptr;
+}
+
+float* RowSink::storageF(int y)
+{
+    return handsOut(y) ? m_rows->rowDataF(y) : nullptr;
+}
+
 unsigned int* RowSink::beginRow(int y)
 {
     if (y < 0 || y >= m_height)
         return nullptr;
-    if (unsigned int* const storage = m_rows && m_handsOutStorage ? m_rows->rowData(y) : nullptr)
-        return storage;
+    if (unsigned int* const row = storage(y))
+        return row;
     if (!m_row)
         m_row.reset(new (std::nothrow) unsigned int[std::size_t(m_width)]);
     return m_row.get();
@@ -68,8 +83,8 @@ float* RowSink::beginRowF(int y)
 {
     if (y < 0 || y >= m_height)
         return nullptr;
-    if (float* const storage = m_rows && m_handsOutStorage ? m_rows->rowDataF(y) : nullptr)
-        return storage;
+    if (float* const row = storageF(y))
+        return row;
     if (!m_rowF)
         m_rowF.reset(new (std::nothrow) float[std::size_t(m_width) * 4]);
     return m_rowF.get();

@@ -42,11 +42,17 @@ public:
     float* beginRowF(int y);
     void endRowF(int y, const float* row);
 
+    /// The sink's own storage of row `y`, or null when it offers none. For codecs that come with several rows
+    /// at a time; what is stored there needs no `endRow`.
+    unsigned int* storage(int y);
+    float* storageF(int y);
+
     /// Stores `count` pixels from (x, y) on, cut to the image.
     void put(int x, int y, const unsigned int* argb, int count);
     void putF(int x, int y, const float* rgba, int count);
 
 private:
+    bool handsOut(int y) const;
     bool clip(int& x, int y, int& count, int& skipped) const;
     void setSize(int width, int height);
 

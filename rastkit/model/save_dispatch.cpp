@@ -32,8 +32,13 @@ struct ImageWriter {
 constexpr ImageWriter tableImageWriters[] = {
     // extension  packed pixels  frame
     { "png",      SavePNGFile,   SavePNGFile_pb },
+    { "sgi",      SaveSGIFile,   SaveSGIFile_pb },
+    { "bmp",      SaveBMPFile,   SaveBMPFile_pb },
     { "tga",      SaveTGAFile,   SaveTGAFile_pb },
+    { "hdr",      nullptr,       SaveHDRFile_pb },
     { "jpg",      SaveJPGFile,   SaveJPGFile_pb },
+    { "exr",      SaveEXRFile,   SaveEXRFile_pb },
+    { "pic",      SavePICFile,   SavePICFile_pb },
     { "tif",      SaveTIFFile,   SaveTIFFile_pb },
 };
 // clang-format on
@@ -102,10 +107,13 @@ ImgError SaveImageFile(const char* fileName, IMGINFO* info, unsigned int* pixels
 
 ImgError SaveImageFile(const char* fileName, IMGINFO* info, float* pixels)
 {
-    // The two formats that take floats go by the name's literal end, not by the format list; this build
-    // writes neither.
-    if (endsWithIgnoringCase(fileName, ".EXR") || endsWithIgnoringCase(fileName, ".HDR"))
-        return IMGERR_UNSUPPORTED;
+    // The two formats that take floats go by the name's literal end, not by the format list. The second takes
+    // three floats a pixel and is handed four: pixels, and from the second on colours, are not at their
+    // place. Hosts that save floats to it have always passed three.
+    if (endsWithIgnoringCase(fileName, ".EXR"))
+        return SaveEXRFile(fileName, info, pixels);
+    if (endsWithIgnoringCase(fileName, ".HDR"))
+        return SaveHDRFile(fileName, info, pixels);
 
     IMGINFO packedInfo {};
     const std::unique_ptr<unsigned int, decltype(&std::free)> packed(
@@ -153,9 +161,20 @@ ImgError SaveImageFile_allChannels(const char* fileName, PixelBufferInterface& b
     return result;
 }
 
-// All channels in one file are the business of the raw-output writers, and this build has none.
-ImgError SaveImageFile_multiChannel(
-    const char*, QUtils::RawImageSettingsInterface*, PixelBufferInterface*, bool, int, int)
+// The raw-output writers take everything from the settings.
+ImgError SaveImageFile_multiChannel(const char* fileName, QUtils::RawImageSettingsInterface* settings,
+    PixelBufferInterface*, bool addFrameNumber, int frame, int numDigits)
 {
-    return IMGERR_UNSUPPORTED;
+    using Writer = ImgError (*)(const char* fileName, QUtils::RawImageSettingsInterface* settings);
+    char extension[sizeof QUtils::FileFormatInfo::extensions];
+    if (getFileFormatIndex(fileName, extension) < 0)
+        return IMGERR_UNSUPPORTED;
+    const Writer write = strcasecmp(extension, "quimg") == 0 ? SaveQUIMGFile
+        : strcasecmp(extension, "exr") == 0                  ? Writer(SaveEXRFile)
+                                                             : nullptr;
+    if (!write)
+        return IMGERR_UNSUPPORTED;
+    char name[outputNameSize];
+    SaveImageFile_getFilename(fileName, addFrameNumber, frame, numDigits, name, outputNameSize);
+    return write(name, settings);
 }

@@ -195,4 +195,14 @@ TEST(LibraryVersions, LibtiffIsNamedByItsNumber)
     EXPECT_THAT(row->second.c_str(), testing::MatchesRegex("[0-9]+[.][0-9.]+"));
 }
 
+TEST(LibraryVersions, OpenExrIsTheVersionOfTheFormatOnPurpose)
+{
+    Table<CharStringPair, 100> rows;
+    rastkit_getImageLibVersions(rows);
+    ASSERT_GT(rows.count(), 0);
+    const CharStringPair& row = rows[rows.count() - 1];
+    EXPECT_STREQ(row.first.c_str(), "OpenEXR");
+    EXPECT_STREQ(row.second.c_str(), "EXR_VERSION 2");
+}
+
 } // namespace

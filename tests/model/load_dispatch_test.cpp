@@ -5,6 +5,7 @@
 #include "rastkit/load.h"
 #include "rastkit/save.h"
 
+#include "support/psd_bytes.h"
 #include "support/recording_buffer.h"
 #include "support/temp_file.h"
 #include "support/tga_bytes.h"
@@ -63,8 +64,12 @@ const struct {
     ImgType type;
     bool loses;
 } roundTrips[] = {
+    { "bmp", IMGTYPE_BMP, false },
+    { "exr", IMGTYPE_EXR, false },
     { "jpg", IMGTYPE_JPEG, true },
+    { "pic", IMGTYPE_PIC, false },
     { "png", IMGTYPE_PNG, false },
+    { "sgi", IMGTYPE_SGI, false },
     { "tga", IMGTYPE_TGA, false },
     { "tif", IMGTYPE_TIFF, false },
 };
@@ -84,9 +89,10 @@ TEST_F(LoadDispatch, EveryFormatComesBackThroughTheDispatchers)
             QUtils::Image8 image;
             ASSERT_EQ(LoadImageFile(path.c_str(), image, &m_info).code(), IMGERR_NONE) << path;
             EXPECT_EQ(m_info.width, 4);
+            // Softimage files have red and blue exchanged.
+            const unsigned int expected = format.type == IMGTYPE_PIC ? 0xFF20C040u : 0xFF40C020u;
             for (int shift = 0; shift < 32; shift += 8)
-                EXPECT_NEAR(
-                    image.pixel(3, 2) >> shift & 0xFF, 0xFF40C020u >> shift & 0xFF, format.loses ? 4 : 0)
+                EXPECT_NEAR(image.pixel(3, 2) >> shift & 0xFF, expected >> shift & 0xFF, format.loses ? 4 : 0)
                     << path << ' ' << shift;
             EXPECT_EQ(LoadImageHeader(path.c_str(), &m_info).code(), IMGERR_NONE) << path;
             EXPECT_EQ(m_info.height, 4);
@@ -105,8 +111,9 @@ TEST_F(LoadDispatch, PackedPixelsComeBackThroughTheDispatchers)
         EXPECT_EQ(QUtils::DetectImageType(path.c_str()), format.type) << path;
         QUtils::Image8 image;
         ASSERT_EQ(LoadImageFile(path.c_str(), image, nullptr).code(), IMGERR_NONE) << path;
-        // Packed TIFF files have red and blue exchanged.
-        const unsigned int expected = format.type == IMGTYPE_TIFF ? 0xFF20C040u : 0xFF40C020u;
+        // Packed TIFF files have red and blue exchanged, and so have all Softimage files.
+        const bool isExchanged = format.type == IMGTYPE_TIFF || format.type == IMGTYPE_PIC;
+        const unsigned int expected = isExchanged ? 0xFF20C040u : 0xFF40C020u;
         for (int shift = 0; shift < 32; shift += 8)
             EXPECT_NEAR(image.pixel(3, 2) >> shift & 0xFF, expected >> shift & 0xFF, format.loses ? 4 : 0)
                 << path;
@@ -193,18 +200,25 @@ TEST_F(LoadDispatch, MissingFileNamesTheFunction)
     EXPECT_EQ(LoadImageFile(nullptr, m_buffer, nullptr).code(), IMGERR_OPEN);
 }
 
-TEST_F(LoadDispatch, FormatThatTheBuildLacksIsUnsupported)
+TEST_F(LoadDispatch, DdsFilesAreNotToldByTheirContents)
 {
     const std::string name = make("a.dat", { 'D', 'D', 'S', ' ' });
     EXPECT_EQ(LoadImageFile(name.c_str(), m_buffer, nullptr).code(), IMGERR_FORMAT);
+}
 
-    const std::string bmp = make("a.bmp", { 'B', 'M', 0, 0 });
-    EXPECT_EQ(LoadImageFile(bmp.c_str(), m_buffer, nullptr).code(), IMGERR_UNSUPPORTED);
-    EXPECT_EQ(LoadImageHeader(bmp.c_str(), &m_info).code(), IMGERR_UNSUPPORTED);
-    const std::string psd = make(
-        "a.psd", { '8', 'B', 'P', 'S', 0, 1, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 1, 0, 8, 0, 3 });
-    EXPECT_EQ(LoadImageFile(psd.c_str(), "Layer", "Alpha", m_buffer, nullptr).code(), IMGERR_UNSUPPORTED);
-    EXPECT_EQ(LoadImageHeader(psd.c_str(), &m_info).code(), IMGERR_UNSUPPORTED);
+TEST_F(LoadDispatch, PhotoshopTextsReachTheReader)
+{
+    PsdBytes file { .channels = 4 };
+    file.picture = { 10, 20, 30, 40 };
+    for (const char* name : { "a.psd", "a.dat" }) {
+        const std::string psd = make(name, file.bytes());
+        EXPECT_EQ(LoadImageFile(psd.c_str(), nullptr, nullptr, m_buffer, nullptr).code(), IMGERR_NONE);
+        EXPECT_EQ(m_buffer.pixelsF.size(), 1u);
+        EXPECT_EQ(LoadImageFile(psd.c_str(), "Layer", nullptr, m_buffer, nullptr).code(), IMGERR_FORMAT);
+        EXPECT_EQ(LoadImageFile(psd.c_str(), nullptr, "Alpha 1", m_buffer, nullptr).code(), IMGERR_NONE);
+        EXPECT_EQ(LoadImageFile(psd.c_str(), nullptr, "Alpha 2", m_buffer, nullptr).code(), IMGERR_FORMAT);
+        EXPECT_EQ(LoadImageHeader(psd.c_str(), &m_info).code(), IMGERR_NONE);
+    }
 }
 
 TEST_F(LoadDispatch, FolderIsNoImage)

@@ -85,13 +85,15 @@ private:
 
 /// Runs `run()` again and again: first with its first request refused, then with its second alone, and so on
 /// until a run meets no refusal. Hands each result to `check(result, position)` with memory back in supply;
-/// the last run, which had all it wanted, gets `position` -1. Answers how many runs met a refusal.
-template <typename Run, typename Check> int refuseEachInTurn(Run run, Check check)
+/// the last run, which had all it wanted, gets `position` -1. Requests below `minBytes` always pass. Answers
+/// how many runs met a refusal.
+template <typename Run, typename Check> int refuseEachInTurn(Run run, Check check, std::size_t minBytes = 0)
 {
     for (int position = 0;; ++position) {
         std::size_t refusals = 0;
         auto result = [&] {
-            const RefuseMemory refuse({ .granted = static_cast<std::size_t>(position), .refused = 1 });
+            const RefuseMemory refuse(
+                { .granted = static_cast<std::size_t>(position), .refused = 1, .minBytes = minBytes });
             auto outcome = run();
             refusals = refuse.refusals();
             return outcome;

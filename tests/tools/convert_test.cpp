@@ -85,6 +85,24 @@ TEST_F(ToolConvert, ColoursOf16BitsAreTheTrueOnes)
     EXPECT_EQ(readFile(m_out), tgaOf(1, 1, 24, { 0xFF, 0, 0xFF }));
 }
 
+TEST_F(ToolConvert, LightAboveOneAndFaintLightAreKept)
+{
+    const std::string header = "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 2\n";
+    Bytes bytes(header.begin(), header.end());
+    const Bytes pixels { 128, 64, 32, 140, 128, 64, 32, 100 }; // 2048, 1024, 512, and as far below 1.
+    bytes.insert(bytes.end(), pixels.begin(), pixels.end());
+    make("in.hdr", bytes);
+    const std::string exr = m_dir / "a.exr", back = m_dir / "back.hdr";
+    EXPECT_EQ(convert(m_dir / "in.hdr", back).exitCode, 0);
+    Bytes written = readFile(back);
+    ASSERT_GT(written.size(), 8u);
+    EXPECT_EQ(Bytes(written.end() - 8, written.end()), pixels);
+    EXPECT_EQ(convert(m_dir / "in.hdr", exr).exitCode, 0);
+    EXPECT_EQ(convert(exr, back).exitCode, 0);
+    written = readFile(back);
+    EXPECT_EQ(Bytes(written.end() - 8, written.end()), pixels);
+}
+
 TEST_F(ToolConvert, FileIsConvertedOntoItself)
 {
     make("in.tga", tgaOf(300, 200, 32, { 1, 2, 3, 0xFF }));

@@ -1,4 +1,4 @@
-#include "rastkit/codecs/block_reader.h"
+#include "qutils/core/block_reader.h"
 
 #include <algorithm>
 #include <cstring>

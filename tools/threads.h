@@ -1,0 +1,13 @@
+#pragma once
+
+namespace tool {
+
+/// Lets the library use as many threads as this program may: RASTKIT_THREADS says so, else
+/// SLURM_CPUS_PER_TASK, else the processors that the system leaves to us (affinity and the cgroup's quota).
+/// One means that nothing runs beside the program's own thread.
+void useThreads();
+
+/// What `useThreads` goes by; at least 1.
+int countThreads();
+
+} // namespace tool
