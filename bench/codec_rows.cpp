@@ -233,6 +233,7 @@ void addPixelSinkRows(
 #ifndef RASTKIT_BENCH_OPENIMAGEIO
 void addOpenImageIoRows(const Codec&, const std::string&) { }
 void addOpenImageIoReadRow(const Codec&) { }
+void addOpenImageIoWriteRow(const Codec&, const std::string&) { }
 #endif
 
 } // namespace bench

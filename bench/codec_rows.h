@@ -19,6 +19,7 @@ struct Codec {
     std::string extension; ///< With the dot.
     bool hasAlpha = false; ///< Without, pixels come back opaque.
     bool isFloat = false; ///< Loads float pixels, four floats each, instead of packed ones.
+    bool isHalf = false; ///< Float pixels that are stored as 16-bit floats.
     bool isClamped = false; ///< Float pixels that are stored as whole numbers: none is above 1.
     /// 0: what is loaded is the frame, bit by bit. Else the mean difference that a loaded sample may have,
     /// where 1 is white; for variants that lose something.
@@ -46,6 +47,8 @@ void addPixelSinkRows(
 void addOpenImageIoRows(const Codec& codec, const std::string& compression);
 /// Only the first of the two.
 void addOpenImageIoReadRow(const Codec& codec);
+/// Only the second.
+void addOpenImageIoWriteRow(const Codec& codec, const std::string& compression);
 
 /// The file of a variant that is read: saved at the first call. Says what went wrong, or nothing.
 std::string makeInput(const Codec& codec);

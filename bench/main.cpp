@@ -29,8 +29,17 @@ int main(int argc, char** argv)
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data()))
         return 2;
 
+    bench::addBmpRows();
+    bench::addDdsRows();
+    bench::addExrReadRows();
+    bench::addExrWriteRows();
+    bench::addHdrRows();
     bench::addJpegRows();
+    bench::addPicRows();
     bench::addPngRows();
+    bench::addPsdRows();
+    bench::addQuimgRows();
+    bench::addSgiRows();
     bench::addTgaRows();
     bench::addTiffRows();
     bench::addKernelRows();

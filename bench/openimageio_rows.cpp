@@ -91,7 +91,9 @@ bool isFrameRead(const Codec& codec)
 bool writeFile(const Codec& codec, const std::string& compression, const std::string& path)
 {
     // Whole numbers of more than a byte have two.
-    const OIIO::TypeDesc stored = codec.isClamped ? OIIO::TypeDesc::UINT16 : typeOf(codec);
+    const OIIO::TypeDesc stored = codec.isClamped ? OIIO::TypeDesc::UINT16
+        : codec.isHalf                            ? OIIO::TypeDesc::HALF
+                                                  : typeOf(codec);
     OIIO::ImageSpec spec(frameWidth, frameHeight, codec.hasAlpha ? 4 : 3, stored);
     spec["compression"] = compression;
     spec["png:compressionLevel"] = 5; // As this library's own writer has it; for PNG files only.
@@ -103,10 +105,19 @@ bool writeFile(const Codec& codec, const std::string& compression, const std::st
 
 } // namespace
 
-void addOpenImageIoReadRow(const Codec& codec)
+namespace {
+
+void useOneThread()
 {
     OIIO::attribute("threads", 1);
     OIIO::attribute("exr_threads", -1);
+}
+
+} // namespace
+
+void addOpenImageIoReadRow(const Codec& codec)
+{
+    useOneThread();
 
     Row read;
     read.name = codec.name + "/read/openimageio";
@@ -122,6 +133,12 @@ void addOpenImageIoReadRow(const Codec& codec)
 void addOpenImageIoRows(const Codec& codec, const std::string& compression)
 {
     addOpenImageIoReadRow(codec);
+    addOpenImageIoWriteRow(codec, compression);
+}
+
+void addOpenImageIoWriteRow(const Codec& codec, const std::string& compression)
+{
+    useOneThread();
 
     Row write;
     const std::string path = outputPath(codec, "openimageio");

@@ -1,5 +1,8 @@
 #include "bench/rows.h"
 
+#include "rastkit/formats.h"
+
+#include <ImfThreading.h>
 #include <algorithm>
 #include <benchmark/benchmark.h>
 #include <ctime>
@@ -57,6 +60,8 @@ void describe(benchmark::State& state, const Row& row, const Seconds& best)
     state.counters["best_wall_seconds"] = best.wall;
     state.counters["pixel_bytes"] = double(row.pixelBytes);
     state.counters["MB/s"] = double(row.pixelBytes) / best.counted / 1e6;
+    if (row.sizeRatio)
+        state.counters["size_ratio"] = row.sizeRatio();
     if (const char* const goal = counterOf(row.goal.kind))
         state.counters[goal] = row.goal.value;
 }
@@ -82,6 +87,9 @@ void measure(benchmark::State& state, Entry& entry)
     while (state.KeepRunning()) {
         if (!entry.problem.empty())
             break;
+        // OpenEXR's threads are the whole process's, and another program's row may have left some.
+        if (Imf::globalThreadCount() != 0)
+            QUtils::setThreadCount(0);
         if (row.reset)
             row.reset();
         const Seconds begin = now(row);

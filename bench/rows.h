@@ -34,6 +34,8 @@ struct Row {
     std::function<bool()> verify = {};
     /// A row whose work is spread over threads counts the time of the clock, not of its own thread.
     bool usesThreads = false;
+    /// Where files are compared too: how large this row's is, as a part of that of the row beside.
+    std::function<double()> sizeRatio = {};
 };
 
 /// Adds a row to the benchmark. A wrong result takes the row out of it, with an error.
@@ -45,9 +47,18 @@ struct Row {
 void addRow(Row row);
 
 /// One for each file <format>_bench.cpp; main() calls them.
+void addBmpRows();
+void addDdsRows();
+void addExrReadRows();
+void addExrWriteRows();
+void addHdrRows();
 void addJpegRows();
 void addKernelRows();
+void addPicRows();
 void addPngRows();
+void addPsdRows();
+void addQuimgRows();
+void addSgiRows();
 void addTgaRows();
 void addTiffRows();
 
