@@ -396,22 +396,24 @@ template <typename T, typename... Arguments> Decoder make(const Arguments&... ar
     return Decoder(new (std::nothrow) T(arguments...));
 }
 
+/// Samples of 16 or of 32 bits.
+template <DdsNumber number> Decoder makeWideSamples(const DdsFormat& format)
+{
+    if (format.sampleBytes == 2)
+        return make<SampleDecoder<2, number>>(format);
+    return make<SampleDecoder<4, number>>(format);
+}
+
 Decoder makeSamples(const DdsFormat& format)
 {
-    const bool isShort = format.sampleBytes == 2;
     switch (format.numbers[0]) {
     case DdsNumber::Unorm: return make<SampleDecoder<2, DdsNumber::Unorm>>(format);
     case DdsNumber::Snorm: return make<SampleDecoder<2, DdsNumber::Snorm>>(format);
-    case DdsNumber::Uint:
-        return isShort ? make<SampleDecoder<2, DdsNumber::Uint>>(format)
-                       : make<SampleDecoder<4, DdsNumber::Uint>>(format);
-    case DdsNumber::Sint:
-        return isShort ? make<SampleDecoder<2, DdsNumber::Sint>>(format)
-                       : make<SampleDecoder<4, DdsNumber::Sint>>(format);
+    case DdsNumber::Uint: return makeWideSamples<DdsNumber::Uint>(format);
+    case DdsNumber::Sint: return makeWideSamples<DdsNumber::Sint>(format);
     case DdsNumber::Float: break;
     }
-    return isShort ? make<SampleDecoder<2, DdsNumber::Float>>(format)
-                   : make<SampleDecoder<4, DdsNumber::Float>>(format);
+    return makeWideSamples<DdsNumber::Float>(format);
 }
 
 Decoder makeBlocks(DdsCoding coding)
