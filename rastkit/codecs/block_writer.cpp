@@ -14,7 +14,7 @@ constexpr std::size_t blockBytes = std::size_t(256) << 10;
 
 } // namespace
 
-BlockWriter::BlockWriter(std::FILE* file) : m_file(file) { }
+BlockWriter::BlockWriter(std::FILE* file, Loss loss) : m_file(file), m_loss(loss) { }
 
 BlockWriter::~BlockWriter() = default;
 
@@ -33,9 +33,9 @@ ImgErrorCode BlockWriter::reserve(std::size_t count)
 ImgErrorCode BlockWriter::flush()
 {
     const std::size_t size = std::exchange(m_size, 0);
-    if (size == 0)
+    if (size == 0 || std::fwrite(m_block.get(), 1, size, m_file) == size || m_loss == Loss::IsIgnored)
         return IMGERR_NONE;
-    return std::fwrite(m_block.get(), 1, size, m_file) == size ? IMGERR_NONE : IMGERR_WRITE;
+    return IMGERR_WRITE;
 }
 
 } // namespace QUtils

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "rastkit/model/conventions.h"
 #include "rastkit/types.h"
 
 #include <cstddef>
@@ -18,8 +19,12 @@ namespace QUtils {
 /// Memory: one block (256 KiB), or the largest room asked for.
 class BlockWriter {
 public:
+    /// What becomes of bytes that cannot be written. The renderer's writers of some formats drop them without
+    /// a word: they go on asking for rows, and only memory can be wanting.
+    enum class Loss { IsError, IsIgnored };
+
     /// Goes on where `file` stands.
-    explicit BlockWriter(std::FILE* file);
+    explicit BlockWriter(std::FILE* file, Loss loss = Loss::IsError);
     BlockWriter(const BlockWriter&) = delete;
     BlockWriter& operator=(const BlockWriter&) = delete;
     /// What was not flushed is lost: only `flush` can say whether it was written.
@@ -37,8 +42,15 @@ public:
 
 private:
     std::FILE* m_file;
+    Loss m_loss;
     std::unique_ptr<std::uint8_t[]> m_block;
     std::size_t m_capacity = 0, m_size = 0;
 };
+
+/// What BMP, SGI and HDR writers make of such bytes.
+inline BlockWriter::Loss lossOf(Conventions conventions)
+{
+    return conventions == Conventions::Renderer ? BlockWriter::Loss::IsIgnored : BlockWriter::Loss::IsError;
+}
 
 } // namespace QUtils

@@ -23,39 +23,16 @@ std::uint64_t rowBytesOf(int width)
     return paddedBmpRow(std::uint64_t(std::max(width, 0)) * pixelBytes);
 }
 
-/// The bytes of a file. The renderer's writers do not look at whether they reach it: they go on, and only
-/// memory can be wanting.
-class BmpOutput {
-public:
-    BmpOutput(std::FILE* file, Conventions conventions)
-        : m_out(file), m_isDeaf(conventions == Conventions::Renderer)
-    {
-    }
-
-    ImgErrorCode reserve(std::size_t count)
-    {
-        const ImgErrorCode code = m_out.reserve(count);
-        // What could not be written is gone then, and there is room.
-        return code == IMGERR_WRITE && m_isDeaf ? m_out.reserve(count) : code;
-    }
-    std::uint8_t* next() const { return m_out.next(); }
-    void advance(std::size_t count) { m_out.advance(count); }
-    ImgErrorCode close(FilePtr& file)
-    {
-        const ImgErrorCode written = m_out.flush();
-        const ImgErrorCode closed = closeWritten(file);
-        if (m_isDeaf)
-            return IMGERR_NONE;
-        return written != IMGERR_NONE ? written : closed;
-    }
-
-private:
-    BlockWriter m_out;
-    bool m_isDeaf;
-};
+/// The renderer is not told of a file that cannot be closed either.
+ImgErrorCode close(BlockWriter& out, FilePtr& file, Conventions conventions)
+{
+    const ImgErrorCode written = out.flush();
+    const ImgErrorCode closed = closeWritten(file);
+    return written != IMGERR_NONE || conventions == Conventions::Renderer ? written : closed;
+}
 
 /// Room for the headers is reserved. Of a larger file the low 32 bits of its size are written.
-void putHeaders(BmpOutput& out, int width, int height)
+void putHeaders(BlockWriter& out, int width, int height)
 {
     const std::uint64_t rowCount = std::uint64_t(std::max(height, 0));
     BmpFileHeader file;
@@ -70,7 +47,7 @@ void putHeaders(BmpOutput& out, int width, int height)
 }
 
 /// The zeros that pad a row; room for them is reserved.
-void putPadding(BmpOutput& out, std::uint64_t rowBytes, std::uint64_t usedBytes)
+void putPadding(BlockWriter& out, std::uint64_t rowBytes, std::uint64_t usedBytes)
 {
     const std::size_t count = std::size_t(rowBytes - usedBytes);
     std::memset(out.next(), 0, count);
@@ -78,7 +55,7 @@ void putPadding(BmpOutput& out, std::uint64_t rowBytes, std::uint64_t usedBytes)
 }
 
 /// A row at a time, but never more than a block, however wide the picture is.
-ImgErrorCode writePackedRow(BmpOutput& out, const unsigned int* argb, std::size_t width)
+ImgErrorCode writePackedRow(BlockWriter& out, const unsigned int* argb, std::size_t width)
 {
     constexpr std::size_t mostPixels = 1 << 16;
     for (std::size_t x = 0; x < width;) {
@@ -93,7 +70,7 @@ ImgErrorCode writePackedRow(BmpOutput& out, const unsigned int* argb, std::size_
 }
 
 /// Rows are fetched to where they are written from.
-ImgErrorCode writeRows(BmpOutput& out, RowSource& rows)
+ImgErrorCode writeRows(BlockWriter& out, RowSource& rows)
 {
     const std::size_t rowBytes = std::size_t(rowBytesOf(rows.width()));
     for (int y = rows.height() - 1; y >= 0; --y) {
@@ -132,11 +109,12 @@ ImgError saveBmp(
 
     if (!rows.isAskable())
         return IMGERR_MEMORY;
-    BmpOutput out(file, conventions);
+    BlockWriter out(file, lossOf(conventions));
     RASTKIT_TRY(out.reserve(std::size_t(rowBytesOf(rows.width())) + headersBytes));
     putHeaders(out, rows.width(), rows.height());
     const ImgErrorCode fetched = writeRows(out, rows);
-    const ImgErrorCode closed = out.close(file); // A refused row leaves those before it in the file.
+    const ImgErrorCode closed
+        = close(out, file, conventions); // A refused row leaves those before it in the file.
     return fetched != IMGERR_NONE ? fetched : closed;
 }
 
@@ -148,13 +126,13 @@ ImgError SaveBMPFile(const char* fileName, IMGINFO* info, unsigned int* pixels)
     FilePtr file = openUnbuffered(fileName, "wb");
     if (!file)
         return makeOpenError();
-    BmpOutput out(file, Conventions::Renderer);
+    BlockWriter out(file, BlockWriter::Loss::IsIgnored);
     RASTKIT_TRY(out.reserve(headersBytes));
     putHeaders(out, info->width, info->height);
     const std::size_t width = std::size_t(std::max(info->width, 0));
     for (int y = width != 0 ? info->height - 1 : -1; y >= 0; --y)
         RASTKIT_TRY(writePackedRow(out, pixels + std::size_t(y) * width, width));
-    return out.close(file);
+    return close(out, file, Conventions::Renderer);
 }
 
 ImgError SaveBMPFile(const char*, IMGINFO*, float*)

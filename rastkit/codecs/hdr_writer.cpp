@@ -15,43 +15,31 @@ namespace QUtils {
 
 namespace {
 
-/// Appends pixels, a block at a time. What cannot be written is reported.
+/// Appends pixels, a block at a time.
 ImgErrorCode writePixels(BlockWriter& out, const float* rgb, std::size_t count)
 {
     constexpr std::size_t mostPixels = 1 << 14;
-    ImgErrorCode result = IMGERR_NONE;
     while (count != 0) {
         const std::size_t piece = std::min(count, mostPixels);
-        ImgErrorCode code = out.reserve(piece * rgbePixelBytes);
-        if (code == IMGERR_WRITE) { // What could not be written is gone, and there is room.
-            result = IMGERR_WRITE;
-            code = out.reserve(piece * rgbePixelBytes);
-        }
-        RASTKIT_TRY(code);
+        RASTKIT_TRY(out.reserve(piece * rgbePixelBytes));
         rgbeKernels().fromRgb(rgb, out.next(), piece);
         out.advance(piece * rgbePixelBytes);
         rgb += 3 * piece;
         count -= piece;
     }
-    return result;
+    return IMGERR_NONE;
 }
 
-/// The renderer's writers do not look at whether pixels reach the file.
-ImgErrorCode heard(ImgErrorCode code, Conventions conventions)
-{
-    return code == IMGERR_WRITE && conventions == Conventions::Renderer ? IMGERR_NONE : code;
-}
-
-ImgErrorCode writeRows(BlockWriter& out, RowSource& rows, float* row, Conventions conventions)
+ImgErrorCode writeRows(BlockWriter& out, RowSource& rows, float* row)
 {
     for (int y = 0; y < rows.height(); ++y) {
         if (!rows.fetch(y, row)) {
             static_cast<void>(out.flush()); // The rows before go to the file; this failure is the first.
             return IMGERR_WRITE;
         }
-        RASTKIT_TRY(heard(writePixels(out, row, std::size_t(rows.width())), conventions));
+        RASTKIT_TRY(writePixels(out, row, std::size_t(rows.width())));
     }
-    return heard(out.flush(), conventions);
+    return out.flush();
 }
 
 } // namespace
@@ -82,9 +70,11 @@ ImgError saveHdr(const char* fileName, PixelBufferInterface& frame, int channel,
     const std::unique_ptr<float[]> row(new (std::nothrow) float[3 * std::size_t(rows.width())]);
     if (!row)
         return IMGERR_MEMORY;
-    BlockWriter out(file);
-    RASTKIT_TRY(writeRows(out, rows, row.get(), conventions));
-    return heard(closeWritten(file), conventions);
+    // The renderer's writers do not look at whether pixels reach the file.
+    BlockWriter out(file, lossOf(conventions));
+    RASTKIT_TRY(writeRows(out, rows, row.get()));
+    const ImgErrorCode closed = closeWritten(file);
+    return conventions == Conventions::Renderer ? IMGERR_NONE : closed;
 }
 
 } // namespace QUtils
@@ -98,11 +88,11 @@ ImgError SaveHDRFile(const char* fileName, IMGINFO* info, float* pixels)
     ImgError header = PrepareAndWriteHDRHeader(file, info->width, info->height);
     if (header.code() != IMGERR_NONE)
         return header;
-    BlockWriter out(file);
+    BlockWriter out(file, BlockWriter::Loss::IsIgnored);
     const std::size_t width = std::size_t(std::max(info->width, 0));
     for (int y = 0; y < info->height && width != 0; ++y, pixels += 3 * width)
-        RASTKIT_TRY(heard(writePixels(out, pixels, width), Conventions::Renderer));
-    return heard(out.flush(), Conventions::Renderer);
+        RASTKIT_TRY(writePixels(out, pixels, width));
+    return out.flush();
 }
 
 ImgError SaveHDRFile_pb(const char* fileName, QUtils::PixelBufferInterface& pixels, int channel, int, int)

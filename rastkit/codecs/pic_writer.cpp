@@ -4,6 +4,7 @@
 #include "rastkit/codecs/pixel_runs.h"
 #include "rastkit/codecs/unbuffered_file.h"
 #include "rastkit/model/byte_writer.h"
+#include "rastkit/model/pixel_memory.h"
 #include "rastkit/model/planar_kernels.h"
 #include "rastkit/model/result.h"
 #include "rastkit/model/row_source.h"
@@ -14,7 +15,6 @@
 #include <cassert>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string_view>
 
 namespace QUtils {
@@ -26,11 +26,6 @@ constexpr std::size_t commentBytes = 80;
 constexpr std::uint16_t fullFrame = 3;
 constexpr std::size_t shortestRun = 3;
 constexpr std::size_t mostCount = UINT16_MAX; // Of a long run.
-
-std::unique_ptr<std::uint8_t[]> newBytes(std::size_t count)
-{
-    return std::unique_ptr<std::uint8_t[]>(new (std::nothrow) std::uint8_t[count]);
-}
 
 // --- Runs ------------------------------------------------------------------------------------------------
 

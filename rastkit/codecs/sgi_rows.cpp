@@ -1,11 +1,11 @@
 #include "rastkit/codecs/sgi_rows.h"
 
 #include "rastkit/codecs/sgi_format.h"
+#include "rastkit/model/pixel_memory.h"
 #include "rastkit/model/result.h"
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 #include <sys/stat.h>
 
 namespace QUtils {
@@ -15,11 +15,6 @@ namespace {
 constexpr std::size_t blockBytes = std::size_t(64) << 10; // One for each channel.
 constexpr std::size_t tableEntryBytes = 4;
 constexpr std::uint8_t missingByte = 0xFF;
-
-std::unique_ptr<std::uint8_t[]> newBytes(std::size_t count)
-{
-    return std::unique_ptr<std::uint8_t[]>(new (std::nothrow) std::uint8_t[count]);
-}
 
 } // namespace
 

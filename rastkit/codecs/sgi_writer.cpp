@@ -4,6 +4,7 @@
 #include "rastkit/codecs/sgi_core.h"
 #include "rastkit/codecs/sgi_format.h"
 #include "rastkit/codecs/unbuffered_file.h"
+#include "rastkit/model/pixel_memory.h"
 #include "rastkit/model/planar_kernels.h"
 #include "rastkit/model/result.h"
 #include "rastkit/model/row_source.h"
@@ -13,16 +14,10 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <new>
 
 namespace QUtils {
 
 namespace {
-
-std::unique_ptr<std::uint8_t[]> newBytes(std::size_t count)
-{
-    return std::unique_ptr<std::uint8_t[]>(new (std::nothrow) std::uint8_t[count]);
-}
 
 // --- Planes ----------------------------------------------------------------------------------------------
 
@@ -65,38 +60,9 @@ private:
     PixelArrangement m_arrangement {};
 };
 
-/// Collects the samples of verbatim planes. By the renderer's conventions bytes that cannot be written are
-/// dropped without a word, as they always were, and the frame is asked for all rows all the same.
-class PlaneOutput {
-public:
-    PlaneOutput(std::FILE* file, Conventions conventions)
-        : m_out(file), m_isSilent(conventions == Conventions::Renderer)
-    {
-    }
-
-    ImgErrorCode reserve(std::size_t count)
-    {
-        ImgErrorCode code = m_out.reserve(count);
-        if (code == IMGERR_WRITE && m_isSilent)
-            code = m_out.reserve(count); // What could not be written is no longer in the way.
-        return code;
-    }
-    std::uint8_t* next() const { return m_out.next(); }
-    void advance(std::size_t count) { m_out.advance(count); }
-    ImgErrorCode flush()
-    {
-        const ImgErrorCode code = m_out.flush();
-        return m_isSilent ? IMGERR_NONE : code;
-    }
-
-private:
-    BlockWriter m_out;
-    bool m_isSilent;
-};
-
 /// Asks for every row of the picture: none is kept from one plane to the next, and hosts count on it.
 ImgErrorCode writePlane(
-    PlaneOutput& out, RowSource& rows, const PlanePicker& picker, std::size_t planeBytes, std::uint8_t* row)
+    BlockWriter& out, RowSource& rows, const PlanePicker& picker, std::size_t planeBytes, std::uint8_t* row)
 {
     for (int y = rows.height() - 1; y >= 0; --y) {
         if (!rows.fetch(y, row)) {
@@ -110,7 +76,7 @@ ImgErrorCode writePlane(
     return IMGERR_NONE;
 }
 
-ImgErrorCode writePlanes(PlaneOutput& out, RowSource& rows, int components, std::size_t sampleBytes)
+ImgErrorCode writePlanes(BlockWriter& out, RowSource& rows, int components, std::size_t sampleBytes)
 {
     const auto row = newBytes(rows.rowBytes());
     if (!row)
@@ -271,7 +237,7 @@ bool putHeader(std::FILE* file, const sgi_header_info& header)
 }
 
 /// All of the array's planes, rows from the bottom up.
-ImgErrorCode writeArray(PlaneOutput& out, const IMGINFO& info, const unsigned int* pixels)
+ImgErrorCode writeArray(BlockWriter& out, const IMGINFO& info, const unsigned int* pixels)
 {
     constexpr int components = 4;
     const std::size_t width = std::size_t(std::max(info.width, 0));
@@ -329,7 +295,7 @@ ImgError saveSgi(const char* fileName, PixelBufferInterface& frame, int channel,
     if (usesPackets) {
         RASTKIT_TRY(writePacketRows(file, rows, components, sampleBytes));
     } else {
-        PlaneOutput out(file, conventions);
+        BlockWriter out(file, lossOf(conventions));
         RASTKIT_TRY(writePlanes(out, rows, components, sampleBytes));
     }
     const ImgErrorCode closed = closeWritten(file);
@@ -348,7 +314,7 @@ ImgError SaveSGIFile(const char* fileName, IMGINFO* info, unsigned int* pixels)
     initSGIHeaderInfo(header, info->width, info->height, fileName);
     if (!writeSGIHeaderInfo(file, header))
         return IMGERR_OPEN;
-    PlaneOutput out(file, Conventions::Renderer);
+    BlockWriter out(file, BlockWriter::Loss::IsIgnored);
     return writeArray(out, *info, pixels);
 }
 

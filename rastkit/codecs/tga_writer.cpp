@@ -4,6 +4,7 @@
 #include "rastkit/codecs/tga_core.h"
 #include "rastkit/codecs/tga_format.h"
 #include "rastkit/codecs/unbuffered_file.h"
+#include "rastkit/model/pixel_memory.h"
 #include "rastkit/model/result.h"
 #include "rastkit/model/row_source.h"
 #include "rastkit/save.h"
@@ -12,7 +13,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <new>
 
 namespace QUtils {
 
@@ -20,11 +20,6 @@ namespace {
 
 constexpr std::size_t shortestRun = 3;
 constexpr int alphaBits = 8;
-
-std::unique_ptr<std::uint8_t[]> newBytes(std::size_t count)
-{
-    return std::unique_ptr<std::uint8_t[]>(new (std::nothrow) std::uint8_t[count]);
-}
 
 // --- Run-length packets ----------------------------------------------------------------------------------
 

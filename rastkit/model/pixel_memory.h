@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <sys/mman.h>
 
 namespace QUtils {
@@ -14,6 +15,12 @@ struct FreePixelMemory {
 
 /// Memory of an image's pixels, aligned for every sample type; null when it was refused.
 using PixelMemory = std::unique_ptr<std::uint8_t[], FreePixelMemory>;
+
+/// Memory for a row or a table, with undefined contents; null when it was refused.
+inline std::unique_ptr<std::uint8_t[]> newBytes(std::size_t count)
+{
+    return std::unique_ptr<std::uint8_t[]>(new (std::nothrow) std::uint8_t[count]);
+}
 
 /// What the processor maps at once when it is asked to. A picture of this size or more is written with one
 /// page fault for 2 MiB instead of one for 4 KiB, which is a good part of the time that loading it takes.

@@ -85,4 +85,14 @@ TEST(BlockWrite, FullDeviceShowsWhenRoomIsNeeded)
     EXPECT_EQ(out.reserve(100 << 10), IMGERR_WRITE);
 }
 
+TEST(BlockWrite, BytesThatNobodyAsksForAreDropped)
+{
+    const FilePtr full = QUtils::openUnbuffered("/dev/full", "wb");
+    ASSERT_TRUE(full);
+    BlockWriter out(full, BlockWriter::Loss::IsIgnored);
+    for (int block = 0; block < 4; ++block)
+        ASSERT_EQ(append(out, Bytes(200 << 10)), IMGERR_NONE);
+    EXPECT_EQ(out.flush(), IMGERR_NONE);
+}
+
 } // namespace

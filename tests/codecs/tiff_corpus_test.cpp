@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <sstream>
 
 namespace {
 
@@ -96,18 +95,13 @@ TEST_F(TiffCorpus, PicturesAgreeWithAnotherDecoder)
 
         // Others convert to 8 bits, some with other roundings.
         constexpr double tolerance = 1.01 / 255;
-        bool agrees = false;
-        std::ostringstream seen;
-        for (auto figures = begin; figures != end && !agrees; ++figures) {
+        EXPECT_TRUE(agreesWithOne(begin, end, [&](const PixelFigures& theirs, PixelFigures& ours) {
             // Five channels and more are four, and data.
-            const std::size_t channels = std::min<std::size_t>(figures->second.channels(), 4);
+            const std::size_t channels = std::min<std::size_t>(theirs.channels(), 4);
             const bool hasAlpha = channels == 2 || channels == 4;
-            const PixelFigures ours = figuresOf(image, channels);
-            agrees = agree(
-                ours, figures->second, channels - (hasAlpha && alphaDeviations.count(file)), tolerance);
-            seen << '\n' << toText(figures->second) << "\nhere" << toText(ours);
-        }
-        EXPECT_TRUE(agrees) << file << seen.str();
+            ours = figuresOf(image, channels);
+            return agree(ours, theirs, channels - (hasAlpha && alphaDeviations.count(file)), tolerance);
+        })) << file;
         ++compared;
     }
     EXPECT_GE(compared, 150);

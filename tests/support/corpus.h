@@ -179,4 +179,32 @@ inline std::string toText(const PixelFigures& figures)
     return out.str();
 }
 
+/// Success when one of the decoders from `begin` to `end` has the figures that are found here; else all
+/// figures. `compare(theirs, ours)` fills `ours` and tells whether they agree.
+template <typename Figures, typename Compare>
+testing::AssertionResult agreesWithOne(Figures begin, Figures end, const Compare& compare)
+{
+    std::ostringstream seen;
+    for (Figures figures = begin; figures != end; ++figures) {
+        PixelFigures ours;
+        if (compare(figures->second, ours))
+            return testing::AssertionSuccess();
+        seen << '\n' << toText(figures->second) << "\nhere" << toText(ours);
+    }
+    return testing::AssertionFailure() << seen.str();
+}
+
+/// The same for an image of the channels that they have, alpha compared or not.
+template <typename Figures, typename Image>
+testing::AssertionResult agreesWithOne(
+    Figures begin, Figures end, const Image& image, double tolerance, bool withAlpha)
+{
+    return agreesWithOne(begin, end, [&](const PixelFigures& theirs, PixelFigures& ours) {
+        const std::size_t channels = theirs.channels();
+        const bool hasAlpha = channels == 2 || channels == 4;
+        ours = figuresOf(image, channels);
+        return agree(ours, theirs, channels - (hasAlpha && !withAlpha), tolerance);
+    });
+}
+
 } // namespace testing_support
