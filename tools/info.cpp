@@ -5,9 +5,14 @@
 
 #include "rastkit/image/format_support.h"
 #include "rastkit/image/standard_load.h"
+#include "rastkit/tiles.h"
 
+#include "qutils/core/file_ptr.h"
+
+#include <cstdio>
 #include <iostream>
 #include <memory>
+#include <string_view>
 
 namespace tool {
 
@@ -25,7 +30,29 @@ struct Description {
     std::uint64_t bytes = 0;
     ImgType type = IMGTYPE_UNKNOWN;
     IMGINFO info {};
+    int tileWidth = 0, tileHeight = 0, levels = 0; ///< Of a mip-mapped texture; else 0.
 };
+
+template <typename Params>
+void describeTexture(ImgError (*load)(const char*, Params&), Description& description)
+{
+    Params params;
+    if (load(description.file.c_str(), params).code() != IMGERR_NONE || !params.isMipmapped)
+        return;
+    description.tileWidth = params.tileWidth;
+    description.tileHeight = params.tileHeight;
+    description.levels = params.numLevels;
+}
+
+/// Raw render output is no image file, and has commands of its own.
+bool isQuimg(const std::string& name)
+{
+    constexpr std::string_view magic = "\x89QUIMG\r\n";
+    char bytes[magic.size()];
+    const QUtils::FilePtr file(std::fopen(name.c_str(), "rb"));
+    return file && std::fread(bytes, 1, sizeof bytes, file) == sizeof bytes
+        && magic == std::string_view(bytes, sizeof bytes);
+}
 
 Description describe(const std::string& name)
 {
@@ -38,7 +65,12 @@ Description describe(const std::string& name)
         return description;
     const ImgError error = QUtils::loadHeaderStandard(name.c_str(), &description.info, &description.type);
     if (error.code() != IMGERR_NONE)
-        description.error = inWords(error);
+        description.error
+            = isQuimg(name) ? "it is raw render output: 'rastkit raw info' tells of it" : inWords(error);
+    else if (description.type == IMGTYPE_EXR)
+        describeTexture<EXRTileLoaderParams>(LoadEXRHeaderEx, description);
+    else if (description.type == IMGTYPE_TIFF)
+        describeTexture<TIFTileLoaderParams>(LoadTIFHeaderEx, description);
     return description;
 }
 
@@ -47,7 +79,11 @@ void print(const Description& description, const QUtils::FormatSupport& format)
     const IMGINFO& info = description.info;
     std::cout << description.file << ": " << format.description << ", " << info.width << " x " << info.height
               << ", " << info.numChannels << (info.numChannels == 1 ? " channel, " : " channels, ")
-              << info.bitsPerPixel << " bits per pixel, " << description.bytes << " bytes\n";
+              << info.bitsPerPixel << " bits per pixel, ";
+    if (description.levels != 0)
+        std::cout << "tiles of " << description.tileWidth << " x " << description.tileHeight << ", "
+                  << description.levels << (description.levels == 1 ? " level, " : " levels, ");
+    std::cout << description.bytes << " bytes\n";
 }
 
 Json toJson(const Description& description, const QUtils::FormatSupport* format)
@@ -63,6 +99,11 @@ Json toJson(const Description& description, const QUtils::FormatSupport* format)
     json["channels"] = description.info.numChannels;
     json["bitsPerPixel"] = description.info.bitsPerPixel;
     json["fileBytes"] = description.bytes;
+    if (description.levels != 0) {
+        json["tileWidth"] = description.tileWidth;
+        json["tileHeight"] = description.tileHeight;
+        json["levels"] = description.levels;
+    }
     return json;
 }
 

@@ -70,6 +70,15 @@ TEST_F(ToolInfo, FileThatCannotBeReadDoesNotStopTheOthers)
     EXPECT_EQ(list[3].at("width"), 1);
 }
 
+TEST_F(ToolInfo, RawRenderOutputIsReferredToItsOwnCommands)
+{
+    const std::string name = make("frame.quimg", { 0x89, 'Q', 'U', 'I', 'M', 'G', 0x0D, 0x0A, 1, 0 });
+    const ProgramResult result = runTool({ "info", name });
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(result.err,
+        "rastkit: " + name + ": cannot be read: it is raw render output: 'rastkit raw info' tells of it\n");
+}
+
 TEST_F(ToolInfo, OddFileNamesWork)
 {
     const Bytes tga = tgaOf(1, 1);
