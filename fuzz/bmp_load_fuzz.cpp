@@ -11,20 +11,6 @@ using QUtils::Conventions;
 
 namespace {
 
-/// Takes small pictures only: runs may fill any that is taken.
-class SmallSink : public CheckedSink {
-public:
-    void init(int width, int height) override
-    {
-        CheckedSink::init(width, height);
-        m_isSmall = std::uint64_t(this->width()) * std::uint64_t(this->height()) <= mostPixels;
-    }
-    int isValid() override { return m_isSmall; }
-
-private:
-    int m_isSmall = 1;
-};
-
 bool isCodeOfALoader(int code)
 {
     return code == IMGERR_NONE || code == IMGERR_READ || code == IMGERR_FORMAT || code == IMGERR_MEMORY
@@ -35,7 +21,7 @@ bool isCodeOfALoader(int code)
 void loadRows(const char* name, Conventions conventions, int code, const CheckedSink& sink)
 {
     QUtils::Image8 image;
-    image.setMaxBytes(sizeof(unsigned int) * CheckedSink::mostPixels);
+    image.setMaxBytes(sizeof(unsigned int) * SmallSink::mostPixels);
     require(
         QUtils::loadBmp(name, image, nullptr, conventions).code() == code, "rows and pixels end differently");
     for (int y = 0; y < image.height() && !sink.pixels().empty(); ++y)
@@ -74,7 +60,7 @@ void loadArray(const char* name, const std::uint8_t* data, std::size_t size)
         return std::max<std::int64_t>(std::int32_t(number), 0);
     };
     const std::int64_t count = numberAt(18) * numberAt(22);
-    if (count > std::int64_t(CheckedSink::mostPixels))
+    if (count > std::int64_t(SmallSink::mostPixels))
         return;
     std::vector<unsigned int> pixels(static_cast<std::size_t>(count));
     require(isCodeOfALoader(LoadBMPFile(name, pixels.data(), nullptr).code()), "a code that no loader has");

@@ -9,13 +9,6 @@ using QUtils::Conventions;
 
 namespace {
 
-/// Refuses what is large: a cut file has rows as many as its header says, and the fuzzer has no time for
-/// them.
-class SmallSink : public CheckedSink {
-public:
-    int isValid() override { return std::size_t(width()) * std::size_t(height()) <= mostPixels; }
-};
-
 struct Result {
     int code = 0;
     IMGINFO info {};
@@ -32,7 +25,7 @@ bool isCodeOfALoader(int code)
 void loadRows(const char* name, Conventions conventions, const Result& pixels)
 {
     QUtils::Image8 image;
-    image.setMaxBytes(sizeof(unsigned int) * CheckedSink::mostPixels);
+    image.setMaxBytes(sizeof(unsigned int) * SmallSink::mostPixels);
     require(QUtils::loadJpeg(name, image, nullptr, conventions).code() == pixels.code,
         "rows and pixels end differently");
     for (int y = 0; y < image.height() && pixels.code != IMGERR_MEMORY; ++y)

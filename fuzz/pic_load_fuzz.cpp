@@ -13,17 +13,11 @@ static bool isCodeOfALoader(int code)
         || code == IMGERR_UNSUPPORTED;
 }
 
-/// Takes no more pixels than can be looked at. The renderer's reader goes on all the same.
-class SmallSink : public CheckedSink {
-public:
-    int isValid() override { return std::size_t(width()) * std::size_t(height()) <= mostPixels; }
-};
-
 /// An image that takes rows ends up like a sink of single pixels.
 static void loadRows(const char* name, Conventions conventions, int code, const CheckedSink& sink)
 {
     QUtils::Image8 image;
-    image.setMaxBytes(sizeof(unsigned int) * CheckedSink::mostPixels);
+    image.setMaxBytes(sizeof(unsigned int) * SmallSink::mostPixels);
     require(
         QUtils::loadPic(name, image, nullptr, conventions).code() == code, "rows and pixels end differently");
     for (int y = 0; y < image.height() && !sink.pixels().empty(); ++y)

@@ -6,6 +6,7 @@
 #include "rastkit/buffers.h"
 #include "rastkit/codecs/psd_core.h"
 
+#include <bit>
 #include <cstring>
 
 using namespace fuzz_support;
@@ -49,8 +50,10 @@ void compareRows(const PSD_Image& image)
         image.getRow(y, row.data());
         float pixel[4];
         image.getComponent(y, int(width) - 1, pixel);
-        require(std::memcmp(pixel, row.data() + (width - 1) * 4, sizeof pixel) == 0,
-            "a pixel differs from its row");
+        const float* const last = row.data() + (width - 1) * 4;
+        for (int i = 0; i < 4; ++i)
+            require(std::bit_cast<std::uint32_t>(pixel[i]) == std::bit_cast<std::uint32_t>(last[i]),
+                "a pixel differs from its row");
         if (!image.hasPackedRows())
             continue;
         image.getPackedRow(y, packed.data());

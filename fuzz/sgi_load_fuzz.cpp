@@ -19,7 +19,7 @@ static bool isCodeOfALoader(int code, Conventions conventions)
 static void loadRows(const char* name, Conventions conventions, int code, const CheckedSink& sink)
 {
     QUtils::Image8 image;
-    image.setMaxBytes(sizeof(unsigned int) * CheckedSink::mostPixels);
+    image.setMaxBytes(sizeof(unsigned int) * SmallSink::mostPixels);
     IMGINFO info {};
     const int rowCode = QUtils::loadSgi(name, image, &info, conventions).code();
     if (rowCode == IMGERR_MEMORY) // Larger than the image may become.
@@ -32,12 +32,6 @@ static void loadRows(const char* name, Conventions conventions, int code, const 
                     sink.pixels().data() + std::size_t(y) * std::size_t(image.width())),
             "rows and pixels differ");
 }
-
-/// Refuses pictures whose pixels take the fuzzer's time and show it nothing.
-class SmallSink : public CheckedSink {
-public:
-    int isValid() override { return std::size_t(width()) * std::size_t(height()) <= mostPixels / 4; }
-};
 
 static void load(const char* name, Conventions conventions)
 {
