@@ -8,7 +8,6 @@
 namespace {
 
 using namespace QUtils;
-using testing::ElementsAre;
 
 constexpr const std::uint8_t* noBytes = nullptr;
 constexpr const float* noFloats = nullptr;

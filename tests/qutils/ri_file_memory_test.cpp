@@ -18,9 +18,11 @@ off_t unreadableByte = -1;
 
 } // namespace
 
-/// Takes the place of the C library's, also for a shared library.
-extern "C" __attribute__((visibility("default"))) ssize_t pread(
-    int file, void* out, size_t count, off_t offset)
+/// Takes the place of the C library's pread, also for a shared library.
+extern "C" __attribute__((visibility("default"))) ssize_t preadUnlessUnreadable(
+    int file, void* out, size_t count, off_t offset) __asm__("pread");
+
+ssize_t preadUnlessUnreadable(int file, void* out, size_t count, off_t offset)
 {
     if (unreadableByte >= offset && unreadableByte - offset < off_t(count)) {
         errno = EIO;
