@@ -34,7 +34,7 @@ using TiledExr = OpenExr<Imf::TiledInputFile>;
 class ExrTiles {
 public:
     /// Throws whatever is wrong, a file that is not as described among it.
-    explicit ExrTiles(const MipMapTileLoaderParams& params) : m_file(openName(params))
+    explicit ExrTiles(const MipMapTileLoaderParams& params) : m_file(openName(params), ExrInput::smallBlock)
     {
         const Imf::Header& header = m_file->header();
         const ExrChannels channels = pickExrChannels(header, Conventions::Renderer);
@@ -215,7 +215,7 @@ ImgError LoadEXRHeaderEx(const char* fileName, EXRTileLoaderParams& params)
     try {
         QUtils::startExrLibrary();
         {
-            QUtils::OpenExr<Imf::InputFile> file(fileName);
+            QUtils::OpenExr<Imf::InputFile> file(fileName, QUtils::ExrInput::smallBlock);
             const Imf::Header& header = file->header();
             QUtils::loadExrHeader_common(header, &params);
             QUtils::readTileLayout(header, params);
@@ -223,7 +223,7 @@ ImgError LoadEXRHeaderEx(const char* fileName, EXRTileLoaderParams& params)
             QUtils::readRange(header, "maxValue", "maxValueVec", params.maxValue);
         }
         if (params.isMipmapped) {
-            QUtils::TiledExr file(fileName);
+            QUtils::TiledExr file(fileName, QUtils::ExrInput::smallBlock);
             MipLevel* const levels = params.replaceLevels(file->numLevels());
             if (!levels)
                 return IMGERR_READ;
