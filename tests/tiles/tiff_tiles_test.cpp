@@ -33,6 +33,8 @@ struct Texture {
     bool hasOnlyBlackInk = false;
     bool shrinksTiles = false; ///< Levels that fit in a smaller tile have one.
     int levels = INT_MAX;
+    int levelWithoutLastTile = -1;
+    const char* mode = "w";
     std::function<void(TIFF*, int level)> change; ///< Sets or unsets tags of a level last.
 
     std::uint32_t size(std::uint32_t of, int level) const { return std::max(of >> level, 1u); }
@@ -53,7 +55,7 @@ struct Texture {
 
     void write(const std::string& path) const
     {
-        TIFF* const tiff = TIFFOpen(path.c_str(), "w");
+        TIFF* const tiff = TIFFOpen(path.c_str(), mode);
         ASSERT_TRUE(tiff);
         for (int level = 0; level < levelCount(); ++level) {
             writeLevel(tiff, level);
@@ -90,7 +92,9 @@ private:
             change(tiff, level);
         for (std::uint32_t y = 0; y < size(height, level); y += th)
             for (std::uint32_t x = 0; x < size(width, level); x += tw)
-                writeTile(tiff, level, x, y, tw, th);
+                if (level != levelWithoutLastTile || x + tw < size(width, level)
+                    || y + th < size(height, level))
+                    writeTile(tiff, level, x, y, tw, th);
     }
 
     static void writeMap(TIFF* tiff)
@@ -352,6 +356,58 @@ TEST_F(TiffTiles, EveryTileOfEveryLevelHasThePixelsOfTheFile)
                     write();
                     expectAllTiles(*described());
                 }
+}
+
+TEST_F(TiffTiles, LevelsThatAreStoredInDifferentWaysAreReadInAnyOrder)
+{
+    m_texture.bits = 16;
+    m_texture.width = m_texture.height = 100;
+    m_texture.tileWidth = m_texture.tileHeight = 32;
+    m_texture.shrinksTiles = true;
+    m_texture.change = [](TIFF* tiff, int level) {
+        constexpr int compressions[] = { COMPRESSION_ADOBE_DEFLATE, COMPRESSION_ADOBE_DEFLATE,
+            COMPRESSION_LZW, COMPRESSION_NONE, COMPRESSION_ADOBE_DEFLATE };
+        TIFFSetField(tiff, TIFFTAG_COMPRESSION, compressions[level % 5]);
+        if (level == 0 || level == 2)
+            TIFFSetField(tiff, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
+        if (level == 3)
+            TIFFSetField(tiff, TIFFTAG_FILLORDER, FILLORDER_LSB2MSB);
+    };
+    for (const char* const mode : { "wl", "wb" }) {
+        m_texture.mode = mode;
+        write();
+        const auto params = described();
+        for (const int level : { 0, 2, 0, 1, 3, 1, 0, 4, 2, 6, 0, 5, 3 })
+            expectTile(*params, 0, 0, level);
+        expectAllTiles(*params);
+        expectTile(*params, 3, 3, 0);
+    }
+}
+
+TEST_F(TiffTiles, LevelsWithAMissingTileHaveTheOthers)
+{
+    m_texture.compression = COMPRESSION_ADOBE_DEFLATE;
+    m_texture.levelWithoutLastTile = 1;
+    write();
+    const auto params = described();
+    for (int i = 0; i < 2; ++i) {
+        expectTile(*params, 0, 0, 0);
+        expectTile(*params, 0, 0, 1);
+        EXPECT_EQ(code(*params, 1, 0, 1), IMGERR_READ);
+        expectTile(*params, 2, 1, 0);
+    }
+}
+
+TEST_F(TiffTiles, LevelsThatTheCallerDescribesAnewAreReadErrors)
+{
+    write();
+    const auto params = described();
+    expectTile(*params, 2, 1, 0);
+    expectTile(*params, 0, 0, 1);
+    params->levels[0].width = 400;
+    EXPECT_EQ(code(*params, 20, 0, 0), IMGERR_READ);
+    params->levels[0].width = 40;
+    expectTile(*params, 2, 1, 0);
 }
 
 TEST_F(TiffTiles, LevelsInOneSmallTileHaveNoOther)
