@@ -86,12 +86,23 @@ Row tileRow(TextureFile& texture, const std::string& name, const std::string& be
     return row;
 }
 
+Row hitRow(TextureFile& texture, const std::string& name, const std::string& beside, int threads, Goal goal)
+{
+    Row row = tileRow(texture, name, beside, goal);
+    row.pixelBytes
+        = std::uint64_t(threads) * hitPasses * allTiles().size() * 4 * sizeof(float); // A pixel each.
+    row.usesThreads = threads > 1;
+    return row;
+}
+
 void addTileRows()
 {
     addLoaderRow<EXRTileLoaderParams>(exrTexture(), LoadEXRHeaderEx);
     addLoaderRow<TIFTileLoaderParams>(tiffTexture(), LoadTIFHeaderEx);
-    for (TextureFile* const texture : { &exrTexture(), &tiffTexture() })
+    for (TextureFile* const texture : { &exrTexture(), &tiffTexture() }) {
+        addTileCacheRows(*texture);
         addOpenImageIoTileRows(*texture);
+    }
 }
 
 #ifndef RASTKIT_BENCH_OPENIMAGEIO
