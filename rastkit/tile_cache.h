@@ -23,6 +23,8 @@ enum class TextureWrap : std::uint8_t {
 };
 
 class TileCache;
+struct TextureRecord;
+struct TileEntry;
 
 /// A texture that a TileCache knows by its name. Copies stand for the same texture; it must not be used
 /// after the cache has ended. Reading from several threads is safe.
@@ -50,9 +52,8 @@ public:
 
 private:
     friend class TileCache;
-    struct Record;
-    explicit Texture(Record* record) noexcept;
-    Record* m_record = nullptr;
+    explicit Texture(TextureRecord* record) noexcept : m_record(record) { }
+    TextureRecord* m_record = nullptr;
 };
 
 /// A tile that stays in the cache as long as this object lives, or why there is none. May be handed to
@@ -74,6 +75,8 @@ public:
     TileSample sample() const;
     /// Rows from the top one down, width() * 4 samples each, R, G, B, A; null when there is an error.
     const void* data() const;
+    /// The 256 floats that bytes stand for; null for other samples.
+    const float* byteValues() const;
     /// The floats R, G, B, A of one pixel, counted from the tile's own top left corner, which must lie in it.
     void getPixelF(int x, int y, float* rgba) const;
     /// The floats of row y, width() * 4 of them.
@@ -81,8 +84,8 @@ public:
 
 private:
     friend class TileCache;
-    struct Entry;
-    Entry* m_entry = nullptr;
+    PinnedTile(TileEntry* entry, ImgErrorCode error) noexcept : m_entry(entry), m_error(error) { }
+    TileEntry* m_entry = nullptr;
     ImgErrorCode m_error = IMGERR_READ;
 };
 
