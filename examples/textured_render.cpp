@@ -28,8 +28,8 @@ using textured::Vec;
 struct Options {
     std::string folder, picture;
     bool makesTextures = false, printsStatistics = false;
-    int count = 40, size = 1024;
-    int width = 960, height = 540, threads = 0;
+    int count = 80, size = 1024;
+    int width = 1280, height = 720, threads = 0;
     std::uint64_t bytes = std::uint64_t(64) << 20;
 };
 
