@@ -38,7 +38,6 @@ bool CacheCore::tryTakeFile(Lock& lock, std::uint64_t bytes)
     }
     m_counts.peakOpenFiles = std::max(m_counts.peakOpenFiles, std::uint64_t(m_files));
     m_counts.fileBytes += bytes;
-    ++m_counts.opens;
     return true;
 }
 
@@ -96,6 +95,7 @@ TileLoader* CacheCore::tryLoader(Lock& lock, TextureRecord& texture, const Textu
         giveFile(bytes);
         return nullptr;
     }
+    ++m_counts.opens;
     loader->texture = &texture;
     loader->description = &description;
     loader->version = texture.version;

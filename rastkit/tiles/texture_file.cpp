@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <limits>
+#include <new>
 
 namespace QUtils {
 
@@ -14,7 +15,9 @@ bool TextureOutput::open(const char* name)
     m_file = FilePtr(qutils_fopen(name, "wb"));
     if (!m_file)
         return fail();
-    static_cast<void>(std::setvbuf(m_file, nullptr, _IOFBF, blockBytes)); // Without it, it is only slower.
+    m_block.reset(new (std::nothrow) char[blockBytes]);
+    if (m_block) // Without it, it is only slower.
+        static_cast<void>(std::setvbuf(m_file, m_block.get(), _IOFBF, blockBytes));
     return true;
 }
 

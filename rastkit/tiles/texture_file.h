@@ -44,6 +44,7 @@ public:
 private:
     bool fail();
 
+    std::unique_ptr<char[]> m_block; // The stream's buffer; outlives it.
     FilePtr m_file;
     std::uint64_t m_size = 0;
     int m_systemError = 0;

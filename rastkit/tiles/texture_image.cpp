@@ -49,7 +49,8 @@ std::unique_ptr<TextureFile> makeFile(const TextureLayout& layout, TextureFormat
 {
     if (format == TextureFormat::Exr)
         return std::make_unique<ExrTextureFile>(layout, settings, comment);
-    return std::make_unique<TiffTextureFile>(layout, settings, comment);
+    return std::make_unique<TiffTextureFile>(
+        layout, settings, comment, needsBigTiff(layout, settings.compression));
 }
 
 } // namespace

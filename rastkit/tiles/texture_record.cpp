@@ -1,9 +1,9 @@
 #include "rastkit/tiles/texture_record.h"
 
-#include "rastkit/exr/exr_library.h"
 #include "rastkit/tiles.h"
 #include "rastkit/tiles/tile_table.h"
 
+#include <ImfCompression.h>
 #include <ImfThreading.h>
 
 #include <algorithm>
@@ -162,7 +162,8 @@ std::uint64_t TextureDescription::bytesFor(int levelCount)
     return heapBytes(sizeof(TextureDescription) + std::uint64_t(levelCount) * sizeof(Level));
 }
 
-DescriptionPointer TextureDescription::make(const MipMapTileLoaderParams& params, bool isExr)
+DescriptionPointer TextureDescription::make(
+    const MipMapTileLoaderParams& params, bool isExr, std::uint64_t decompressorBytes)
 {
     const auto count = std::size_t(params.numLevels);
     void* const block = std::malloc(sizeof(TextureDescription) + count * sizeof(Level));
@@ -170,6 +171,7 @@ DescriptionPointer TextureDescription::make(const MipMapTileLoaderParams& params
         return nullptr;
     DescriptionPointer made(new (block) TextureDescription);
     made->isExr = isExr;
+    made->decompressorBytes = decompressorBytes;
     made->info = params;
     made->tileWidth = params.tileWidth;
     made->tileHeight = params.tileHeight;
@@ -206,8 +208,9 @@ bool TextureDescription::isLike(const MipMapTileLoaderParams& params) const
 
 bool TextureDescription::isLike(const TextureDescription& other) const
 {
-    if (isExr != other.isExr || levelCount != other.levelCount || tileWidth != other.tileWidth
-        || tileHeight != other.tileHeight || std::memcmp(&info, &other.info, sizeof info) != 0)
+    if (isExr != other.isExr || decompressorBytes != other.decompressorBytes || levelCount != other.levelCount
+        || tileWidth != other.tileWidth || tileHeight != other.tileHeight
+        || std::memcmp(&info, &other.info, sizeof info) != 0)
         return false;
     return std::memcmp(levels, other.levels, std::size_t(levelCount) * sizeof(Level)) == 0;
 }
@@ -222,19 +225,64 @@ bool TextureDescription::hasTile(int tx, int ty, int level) const
         && std::int64_t(ty) * tileHeight < shape.height;
 }
 
-// --- What a loader takes ---------------------------------------------------------------------------------
+// --- What reading takes ----------------------------------------------------------------------------------
 
 namespace {
 
-// Measured with OpenEXR 3.1 and libtiff 4.5, and rounded up: the block that is read ahead, the handle with
-// its header and the state of a decompressor.
-constexpr std::uint64_t blockAheadBytes = std::uint64_t(256) << 10;
-constexpr std::uint64_t exrHandleBytes = std::uint64_t(48) << 10;
-constexpr std::uint64_t tiffHandleBytes = std::uint64_t(96) << 10;
+// Measured with OpenEXR 3.1 and libtiff 4.5, and rounded up.
+constexpr std::uint64_t blockAheadBytes = std::uint64_t(256) << 10; ///< Read ahead by our own streams.
+constexpr std::uint64_t exrHandleBytes = std::uint64_t(48) << 10; ///< With its header.
+constexpr std::uint64_t tiffHandleBytes = std::uint64_t(96) << 10; ///< And the state of its decompressor.
+constexpr std::uint64_t pizBytes = std::uint64_t(208) << 10; ///< Tables of a code, and of values.
+constexpr std::uint64_t dwaBytes = std::uint64_t(832) << 10;
 /// OpenEXR keeps 8 bytes for each tile; libtiff 16, and as many again while it reads them.
 constexpr std::uint64_t tileOffsetBytes = 32;
 
+/// Each buffer of OpenEXR is a tile as stored, and two in the compressor.
+std::uint64_t exrBufferBytes(std::uint64_t tileBytes)
+{
+    return 3 * tileBytes * std::uint64_t(std::max(1, 2 * Imf::globalThreadCount()));
+}
+
+/// The value of an attribute in the first bytes of an OpenEXR file: of one whose name, type and size are
+/// `start`. Null when it is not there.
+const char* findAttribute(std::string_view bytes, std::string_view start, std::size_t size)
+{
+    const std::size_t found = bytes.find(start);
+    const bool isThere = found != std::string_view::npos && found + start.size() + size <= bytes.size();
+    return isThere ? bytes.data() + found + start.size() : nullptr;
+}
+
+std::uint64_t decompressorBytesOf(std::string_view bytes)
+{
+    using namespace std::string_view_literals;
+    const char* const compression = findAttribute(bytes, "compression\0compression\0\1\0\0\0"sv, 1);
+    if (!compression || *compression == Imf::DWAA_COMPRESSION || *compression == Imf::DWAB_COMPRESSION)
+        return dwaBytes;
+    return *compression == Imf::PIZ_COMPRESSION ? pizBytes : 0;
+}
+
 } // namespace
+
+FileNeeds FileNeeds::of(const char* fileName)
+{
+    using namespace std::string_view_literals;
+    char start[4096];
+    const FilePtr file(my_fopen(fileName, "rb"));
+    const std::string_view bytes(start, file ? std::fread(start, 1, sizeof start, file) : 0);
+    if (bytes.substr(0, 4) != "\x76\x2f\x31\x01"sv)
+        return { blockAheadBytes + tiffHandleBytes, 0 };
+    FileNeeds needs { blockAheadBytes + exrHandleBytes, decompressorBytesOf(bytes) };
+    constexpr std::size_t sizeBytes = sizeof(std::uint32_t);
+    if (const char* const tiles = findAttribute(bytes, "tiles\0tiledesc\0\x09\0\0\0"sv, 2 * sizeBytes)) {
+        std::uint32_t width = 0, height = 0;
+        std::memcpy(&width, tiles, sizeBytes);
+        std::memcpy(&height, tiles + sizeBytes, sizeBytes);
+        constexpr std::uint64_t most = std::uint64_t(1) << 40, pixelBytes = 16;
+        needs.describingBytes += exrBufferBytes(std::min(most, std::uint64_t(width) * height) * pixelBytes);
+    }
+    return needs;
+}
 
 std::uint64_t TextureDescription::loaderBytes() const
 {
@@ -245,15 +293,13 @@ std::uint64_t TextureDescription::loaderBytes() const
         tiles
             += std::min(most, std::uint64_t(levels[i].shape.tilesX) * std::uint64_t(levels[i].shape.tilesY));
     const std::uint64_t pixels = std::min(most, std::uint64_t(tileWidth) * std::uint64_t(tileHeight));
-    const auto pixelBytes = std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8;
-    const std::uint64_t stored = pixels * pixelBytes;
+    const std::uint64_t stored = pixels * std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8;
     const std::uint64_t row = std::uint64_t(tileWidth) * 4 * sizeof(float);
+    const std::uint64_t all = blockAheadBytes + tiles * tileOffsetBytes + row + decompressorBytes;
     if (!isExr)
-        return blockAheadBytes + tiffHandleBytes + tiles * tileOffsetBytes + 2 * stored + row;
-    // Each buffer of OpenEXR is a tile as stored, and two in the compressor; ours has four channels.
-    const auto buffers = std::uint64_t(std::max(1, 2 * Imf::globalThreadCount()));
+        return all + tiffHandleBytes + 2 * stored; // Compressed, and decoded.
     const std::uint64_t own = pixels * 4 * (info.bitsPerPixel / info.numChannels > 16 ? 4 : 2);
-    return blockAheadBytes + exrHandleBytes + tiles * tileOffsetBytes + 3 * buffers * stored + own + row;
+    return all + exrHandleBytes + exrBufferBytes(stored) + own;
 }
 
 } // namespace QUtils

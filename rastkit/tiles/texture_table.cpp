@@ -217,21 +217,30 @@ void CacheCore::describe(Lock& lock, TextureRecord& texture)
     texture.isDescribing = true;
     DescribedFile file;
     file.error = IMGERR_MEMORY;
-    if (takeFile(lock, describingBytes)) {
+    FileNeeds needs;
+    if (takeFile(lock, FileNeeds::lookBytes)) {
+        lock.unlock();
+        needs = FileNeeds::of(texture.fileName.get());
+        lock.lock();
+        giveFile(FileNeeds::lookBytes);
+    }
+    if (needs.describingBytes != 0 && takeFile(lock, needs.describingBytes)) {
+        ++m_counts.opens;
         lock.unlock();
         // First: a file that changes while it is read is found to have changed later.
         const FileIdentity identity = FileIdentity::of(texture.fileName.get());
         file = describeFile(texture.fileName.get());
         lock.lock();
-        giveFile(describingBytes);
+        giveFile(needs.describingBytes);
         texture.identity = identity;
     }
-    install(lock, texture, file);
+    install(lock, texture, file, needs.decompressorBytes);
     texture.isDescribing = false;
     m_described.notify_all();
 }
 
-void CacheCore::install(Lock& lock, TextureRecord& texture, const DescribedFile& file)
+void CacheCore::install(
+    Lock& lock, TextureRecord& texture, const DescribedFile& file, std::uint64_t decompressorBytes)
 {
     const auto publish = [&](const TextureDescription* description) {
         texture.description.store(description, std::memory_order_release);
@@ -241,7 +250,7 @@ void CacheCore::install(Lock& lock, TextureRecord& texture, const DescribedFile&
     const std::uint64_t bytes = TextureDescription::bytesFor(file.params->numLevels);
     if (!reserve(lock, bytes))
         return publish(TextureDescription::failed(IMGERR_MEMORY));
-    DescriptionPointer made = TextureDescription::make(*file.params, file.isExr);
+    DescriptionPointer made = TextureDescription::make(*file.params, file.isExr, decompressorBytes);
     const TextureDescription* description = made.get();
     // Threads may be looking at old descriptions: these are kept, and used again when they fit.
     for (const TextureDescription* old = texture.descriptions.get(); old && made; old = old->older.get())

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fcntl.h>
 #include <limits>
 #include <new>
 #include <tiffio.h>
@@ -85,7 +86,12 @@ toff_t sizeOfMemory(thandle_t handle)
 }
 
 struct CloseTiff {
-    void operator()(TIFF* tiff) const { TIFFClose(tiff); }
+    void operator()(TIFF* tiff) const
+    {
+        // The file is not wanted, so that nothing is to be completed; what could not be set up is not met.
+        TIFFSetMode(tiff, O_RDONLY);
+        TIFFClose(tiff);
+    }
 };
 
 /// Writes tile after tile to a file in memory, which is one tile wide, and takes the bytes that come out.
@@ -345,15 +351,14 @@ bool needsBigTiff(const TextureLayout& layout, TextureCompression compression)
 }
 
 TiffTextureFile::TiffTextureFile(
-    const TextureLayout& layout, const TextureSettings& settings, const std::string& comment)
-    : m_layout(layout), m_settings(settings), m_comment(comment)
+    const TextureLayout& layout, const TextureSettings& settings, const std::string& comment, bool isBig)
+    : m_layout(layout), m_settings(settings), m_comment(comment), m_isBig(isBig)
 {
 }
 
 ImgErrorCode TiffTextureFile::begin(const char* name)
 {
     LibTIFF_StopWarnings();
-    m_isBig = needsBigTiff(m_layout, m_settings.compression);
     try {
         m_tiles.resize(m_layout.levels.size());
         for (std::size_t k = 0; k < m_tiles.size(); ++k) {

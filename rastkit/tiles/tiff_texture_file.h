@@ -8,13 +8,13 @@ namespace QUtils {
 
 /// A mip-mapped TIFF file: a directory for each level, behind all tiles. Directories are made here, since
 /// libtiff fills one after the other, while tiles of all levels come at the same time; libtiff compresses.
-/// BigTIFF where the tiles might need more than 4 GiB.
 ///
 /// A level that is no larger than one tile of the largest level is one tile, as small as TIFF has them.
 class TiffTextureFile : public TextureFile {
 public:
     /// Layout, settings and comment are the caller's and outlive this object.
-    TiffTextureFile(const TextureLayout& layout, const TextureSettings& settings, const std::string& comment);
+    TiffTextureFile(
+        const TextureLayout& layout, const TextureSettings& settings, const std::string& comment, bool isBig);
 
     ImgErrorCode begin(const char* name) override;
     std::unique_ptr<TileEncoder> makeEncoder() const override;
@@ -34,10 +34,10 @@ private:
     const TextureSettings& m_settings;
     const std::string& m_comment;
     std::vector<Tiles> m_tiles;
-    bool m_isBig = false;
+    bool m_isBig; ///< BigTIFF.
 };
 
-/// Whether a file of these tiles is written as BigTIFF.
+/// Whether these tiles may need more than the 4 GiB of a file that is no BigTIFF.
 bool needsBigTiff(const TextureLayout& layout, TextureCompression compression);
 
 } // namespace QUtils
