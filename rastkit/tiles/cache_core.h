@@ -199,8 +199,7 @@ private:
     void drop(TextureRecord& texture);
     void waitForDescription(Lock& lock, const TextureRecord& texture);
     void describe(Lock& lock, TextureRecord& texture);
-    void install(
-        Lock& lock, TextureRecord& texture, const DescribedFile& file, std::uint64_t decompressorBytes);
+    void install(Lock& lock, TextureRecord& texture, const DescribedFile& file, const FileNeeds& needs);
     bool refresh(Lock& lock, TextureRecord& texture);
 
     static constexpr std::size_t conditionCount = 16;
