@@ -17,10 +17,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <malloc.h>
 #include <random>
 #include <string>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -57,21 +58,36 @@ bool writeTexture(const std::string& name, int size, int seed)
     return writer.finish().code() == IMGERR_NONE;
 }
 
-/// A few different files, and links to them under as many names as there are to be textures.
-std::vector<std::string> makeTextures(int count)
+std::vector<std::string> namesOf(int count)
 {
-    constexpr int different = 8, smallest = 256;
     std::vector<std::string> names;
-    for (int i = 0; i < count; ++i) {
-        const int kind = i % different;
-        const std::string name = bench::filePath(std::to_string(i) + (kind % 2 == 0 ? ".exr" : ".tif"));
-        if (i >= different)
-            std::filesystem::create_hard_link(names[std::size_t(kind)], name);
-        else if (!writeTexture(name, smallest << kind / 2 % 2, kind))
-            return {};
-        names.push_back(name);
-    }
+    for (int i = 0; i < count; ++i)
+        names.push_back(bench::filePath(std::to_string(i) + (i % 2 == 0 ? ".exr" : ".tif")));
     return names;
+}
+
+/// A few different files, and links to them under as many names as there are to be textures.
+bool makeTextures(const std::vector<std::string>& names)
+{
+    constexpr std::size_t different = 8;
+    constexpr int smallest = 256;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (i >= different)
+            std::filesystem::create_hard_link(names[i % different], names[i]);
+        else if (!writeTexture(names[i], smallest << i / 2 % 2, int(i)))
+            return false;
+    }
+    return true;
+}
+
+/// In a process of its own, so that what it leaves on the heap does not count as the cache's.
+bool makeTexturesElsewhere(const std::vector<std::string>& names)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(makeTextures(names) ? 0 : 1);
+    int status = 1;
+    return child > 0 && waitpid(child, &status, 0) == child && status == 0;
 }
 
 // --- The memory ------------------------------------------------------------------------------------------
@@ -118,7 +134,6 @@ bool takeTiles(TileCache& cache, const std::vector<std::string>& names, const Op
 
 bool run(const Options& options, const std::vector<std::string>& names)
 {
-    malloc_trim(0); // What the textures were made with.
     forgetPeak();
     const long baseline = statusOf("VmRSS");
     QUtils::TileCacheSettings settings;
@@ -152,8 +167,8 @@ int main(int argc, char** argv)
     int* const values[] = { &options.textures, &options.mebibytes, &options.threads, &options.tiles };
     for (int i = 1; i < std::min(argc, 5); ++i)
         *values[i - 1] = std::max(std::atoi(argv[i]), 1);
-    const std::vector<std::string> names = makeTextures(options.textures);
-    if (names.empty() || !run(options, names)) {
+    const std::vector<std::string> names = namesOf(options.textures);
+    if (!makeTexturesElsewhere(names) || !run(options, names)) {
         std::fprintf(stderr, "tile_cache_memory: a texture or a tile could not be had\n");
         return 1;
     }

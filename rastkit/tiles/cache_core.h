@@ -2,6 +2,7 @@
 
 #include "rastkit/tile_cache.h"
 #include "rastkit/tiles/texture_record.h"
+#include "rastkit/tiles/tile_memory.h"
 #include "rastkit/tiles/tile_sink.h"
 #include "rastkit/tiles/tile_table.h"
 
@@ -172,6 +173,8 @@ private:
     bool evict(TileEntry& entry);
     bool take(std::uint64_t bytes) override;
     void giveBack(std::uint64_t bytes) override;
+    std::uint8_t* allocateTile(std::size_t bytes) override { return m_tileMemory.allocate(bytes); }
+    void freeTile(std::uint8_t* tile, std::size_t bytes) override { m_tileMemory.free(tile, bytes); }
 
     // Open files (loader_pool.cpp).
     bool takeFile(Lock& lock, std::uint64_t bytes);
@@ -199,8 +202,7 @@ private:
     void drop(TextureRecord& texture);
     void waitForDescription(Lock& lock, const TextureRecord& texture);
     void describe(Lock& lock, TextureRecord& texture);
-    void install(
-        Lock& lock, TextureRecord& texture, const DescribedFile& file, std::uint64_t decompressorBytes);
+    void install(Lock& lock, TextureRecord& texture, const DescribedFile& file, const FileNeeds& needs);
     bool refresh(Lock& lock, TextureRecord& texture);
 
     static constexpr std::size_t conditionCount = 16;
@@ -209,6 +211,7 @@ private:
     const std::uint64_t m_maxBytes;
     const int m_maxFiles, m_maxLoadersOfTexture;
     TileTable m_table;
+    TileMemory m_tileMemory;
     alignas(64) std::atomic<std::uint64_t> m_clock { 1 }; ///< Counts misses: the time of all recency.
     HitCounters m_counters;
 

@@ -4,6 +4,7 @@
 #include "rastkit/tiles/tile_table.h"
 
 #include <ImfCompression.h>
+#include <ImfPixelType.h>
 #include <ImfThreading.h>
 
 #include <algorithm>
@@ -163,7 +164,7 @@ std::uint64_t TextureDescription::bytesFor(int levelCount)
 }
 
 DescriptionPointer TextureDescription::make(
-    const MipMapTileLoaderParams& params, bool isExr, std::uint64_t decompressorBytes)
+    const MipMapTileLoaderParams& params, bool isExr, const FileNeeds& needs)
 {
     const auto count = std::size_t(params.numLevels);
     void* const block = std::malloc(sizeof(TextureDescription) + count * sizeof(Level));
@@ -171,7 +172,7 @@ DescriptionPointer TextureDescription::make(
         return nullptr;
     DescriptionPointer made(new (block) TextureDescription);
     made->isExr = isExr;
-    made->decompressorBytes = decompressorBytes;
+    made->needs = needs;
     made->info = params;
     made->tileWidth = params.tileWidth;
     made->tileHeight = params.tileHeight;
@@ -208,7 +209,7 @@ bool TextureDescription::isLike(const MipMapTileLoaderParams& params) const
 
 bool TextureDescription::isLike(const TextureDescription& other) const
 {
-    if (isExr != other.isExr || decompressorBytes != other.decompressorBytes || levelCount != other.levelCount
+    if (isExr != other.isExr || !(needs == other.needs) || levelCount != other.levelCount
         || tileWidth != other.tileWidth || tileHeight != other.tileHeight
         || std::memcmp(&info, &other.info, sizeof info) != 0)
         return false;
@@ -238,6 +239,9 @@ constexpr std::uint64_t dwaBytes = std::uint64_t(832) << 10;
 /// OpenEXR keeps 8 bytes for each tile; libtiff 16, and as many again while it reads them.
 constexpr std::uint64_t tileOffsetBytes = 32;
 
+/// Sizes are cut to what nobody has room for, so that no sum wraps round.
+constexpr std::uint64_t mostPixels = std::uint64_t(1) << 40;
+
 /// Each buffer of OpenEXR is a tile as stored, and two in the compressor.
 std::uint64_t exrBufferBytes(std::uint64_t tileBytes)
 {
@@ -262,6 +266,27 @@ std::uint64_t decompressorBytesOf(std::string_view bytes)
     return *compression == Imf::PIZ_COMPRESSION ? pizBytes : 0;
 }
 
+/// Of all channels: each has a name, its type, and twelve bytes more.
+std::uint64_t pixelBytesOf(std::string_view bytes)
+{
+    using namespace std::string_view_literals;
+    constexpr std::uint64_t usual = 16;
+    constexpr std::size_t channelBytes = 16;
+    constexpr std::string_view start = "channels\0chlist\0"sv;
+    std::size_t at = bytes.find(start);
+    if (at == std::string_view::npos)
+        return usual;
+    std::uint64_t sum = 0;
+    for (at += start.size() + sizeof(std::uint32_t); at < bytes.size() && bytes[at] != 0;) {
+        const std::size_t end = bytes.find('\0', at);
+        if (end == std::string_view::npos || end + 1 + channelBytes > bytes.size())
+            return std::max(sum, usual);
+        sum += bytes[end + 1] == Imf::HALF ? sizeof(std::uint16_t) : sizeof(float);
+        at = end + 1 + channelBytes;
+    }
+    return sum;
+}
+
 } // namespace
 
 FileNeeds FileNeeds::of(const char* fileName)
@@ -271,31 +296,31 @@ FileNeeds FileNeeds::of(const char* fileName)
     const FilePtr file(my_fopen(fileName, "rb"));
     const std::string_view bytes(start, file ? std::fread(start, 1, sizeof start, file) : 0);
     if (bytes.substr(0, 4) != "\x76\x2f\x31\x01"sv)
-        return { blockAheadBytes + tiffHandleBytes, 0 };
-    FileNeeds needs { blockAheadBytes + exrHandleBytes, decompressorBytesOf(bytes) };
+        return { blockAheadBytes + tiffHandleBytes, 0, 0 };
+    FileNeeds needs { blockAheadBytes + exrHandleBytes, decompressorBytesOf(bytes), pixelBytesOf(bytes) };
+    needs.describingBytes += std::min(needs.decompressorBytes, pizBytes); // Others take theirs later.
     constexpr std::size_t sizeBytes = sizeof(std::uint32_t);
     if (const char* const tiles = findAttribute(bytes, "tiles\0tiledesc\0\x09\0\0\0"sv, 2 * sizeBytes)) {
         std::uint32_t width = 0, height = 0;
         std::memcpy(&width, tiles, sizeBytes);
         std::memcpy(&height, tiles + sizeBytes, sizeBytes);
-        constexpr std::uint64_t most = std::uint64_t(1) << 40, pixelBytes = 16;
-        needs.describingBytes += exrBufferBytes(std::min(most, std::uint64_t(width) * height) * pixelBytes);
+        needs.describingBytes
+            += exrBufferBytes(std::min(mostPixels, std::uint64_t(width) * height) * needs.pixelBytes);
     }
     return needs;
 }
 
 std::uint64_t TextureDescription::loaderBytes() const
 {
-    // Cut to what nobody has room for, so that no sum wraps round.
-    constexpr std::uint64_t most = std::uint64_t(1) << 40;
     std::uint64_t tiles = 0;
     for (int i = 0; i < levelCount; ++i)
-        tiles
-            += std::min(most, std::uint64_t(levels[i].shape.tilesX) * std::uint64_t(levels[i].shape.tilesY));
-    const std::uint64_t pixels = std::min(most, std::uint64_t(tileWidth) * std::uint64_t(tileHeight));
-    const std::uint64_t stored = pixels * std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8;
+        tiles += std::min(
+            mostPixels, std::uint64_t(levels[i].shape.tilesX) * std::uint64_t(levels[i].shape.tilesY));
+    const std::uint64_t pixels = std::min(mostPixels, std::uint64_t(tileWidth) * std::uint64_t(tileHeight));
+    const std::uint64_t stored
+        = pixels * (isExr ? needs.pixelBytes : std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8);
     const std::uint64_t row = std::uint64_t(tileWidth) * 4 * sizeof(float);
-    const std::uint64_t all = blockAheadBytes + tiles * tileOffsetBytes + row + decompressorBytes;
+    const std::uint64_t all = blockAheadBytes + tiles * tileOffsetBytes + row + needs.decompressorBytes;
     if (!isExr)
         return all + tiffHandleBytes + 2 * stored; // Compressed, and decoded.
     const std::uint64_t own = pixels * 4 * (info.bitsPerPixel / info.numChannels > 16 ? 4 : 2);

@@ -23,6 +23,17 @@ struct FileIdentity {
     bool operator==(const FileIdentity&) const = default;
 };
 
+/// What a look at the first bytes of a file tells about the memory that it takes to read it.
+struct FileNeeds {
+    std::uint64_t describingBytes = 0; ///< What is counted while its headers are read.
+    std::uint64_t decompressorBytes = 0; ///< Beyond what follows from the tiles.
+    std::uint64_t pixelBytes = 0; ///< Of an OpenEXR file, with the channels that nobody asks for.
+
+    static constexpr std::uint64_t lookBytes = 8192; ///< What is counted for the look itself.
+    static FileNeeds of(const char* fileName);
+    bool operator==(const FileNeeds&) const = default;
+};
+
 struct FreeDescription {
     void operator()(TextureDescription* description) const;
 };
@@ -39,7 +50,7 @@ struct TextureDescription {
     std::uint64_t number = 0; ///< Which one among all of the cache.
     ImgErrorCode error = IMGERR_NONE;
     bool isExr = false;
-    std::uint64_t decompressorBytes = 0; ///< What a loader takes besides all that follows from the tiles.
+    FileNeeds needs;
     IMGINFO info {};
     int tileWidth = 0, tileHeight = 0, levelCount = 0;
     Level* levels = nullptr; ///< In the same block of memory.
@@ -47,8 +58,7 @@ struct TextureDescription {
 
     /// Bytes of a copy for a file as described; memory for it, or null.
     static std::uint64_t bytesFor(int levelCount);
-    static DescriptionPointer make(
-        const MipMapTileLoaderParams& params, bool isExr, std::uint64_t decompressorBytes);
+    static DescriptionPointer make(const MipMapTileLoaderParams& params, bool isExr, const FileNeeds& needs);
     /// One that tells nothing but an error; lives for ever.
     static const TextureDescription* failed(ImgErrorCode error);
 
@@ -57,15 +67,6 @@ struct TextureDescription {
     bool hasTile(int tx, int ty, int level) const;
     /// What is counted for a loader that is open, all that its libraries take among it.
     std::uint64_t loaderBytes() const;
-};
-
-/// What a look at the first bytes of a file tells about the memory that it takes to read it.
-struct FileNeeds {
-    std::uint64_t describingBytes = 0; ///< What is counted while its headers are read.
-    std::uint64_t decompressorBytes = 0;
-
-    static constexpr std::uint64_t lookBytes = 8192; ///< What is counted for the look itself.
-    static FileNeeds of(const char* fileName);
 };
 
 /// The loader that describes a file; its error, or that there is no mip-mapped texture in it.

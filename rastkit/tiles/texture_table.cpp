@@ -37,7 +37,7 @@ CacheCore::~CacheCore()
         delete std::exchange(loader, loader->newer);
     for (TextureRecord* texture = m_textures.first; texture;) {
         for (TileEntry* entry = texture->tiles; entry; entry = entry->after)
-            TileSink::freeTile(entry->data);
+            m_tileMemory.free(entry->data, std::size_t(entry->samples()) * sampleBytes(entry->encoding));
         delete std::exchange(texture, texture->after);
     }
 }
@@ -234,13 +234,12 @@ void CacheCore::describe(Lock& lock, TextureRecord& texture)
         giveFile(needs.describingBytes);
         texture.identity = identity;
     }
-    install(lock, texture, file, needs.decompressorBytes);
+    install(lock, texture, file, needs);
     texture.isDescribing = false;
     m_described.notify_all();
 }
 
-void CacheCore::install(
-    Lock& lock, TextureRecord& texture, const DescribedFile& file, std::uint64_t decompressorBytes)
+void CacheCore::install(Lock& lock, TextureRecord& texture, const DescribedFile& file, const FileNeeds& needs)
 {
     const auto publish = [&](const TextureDescription* description) {
         texture.description.store(description, std::memory_order_release);
@@ -250,7 +249,7 @@ void CacheCore::install(
     const std::uint64_t bytes = TextureDescription::bytesFor(file.params->numLevels);
     if (!reserve(lock, bytes))
         return publish(TextureDescription::failed(IMGERR_MEMORY));
-    DescriptionPointer made = TextureDescription::make(*file.params, file.isExr, decompressorBytes);
+    DescriptionPointer made = TextureDescription::make(*file.params, file.isExr, needs);
     const TextureDescription* description = made.get();
     // Threads may be looking at old descriptions: these are kept, and used again when they fit.
     for (const TextureDescription* old = texture.descriptions.get(); old && made; old = old->older.get())

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -201,8 +202,8 @@ std::string TileCacheStatistics::toJson() const
             json.append("\"").append(name).append("\": ");
             json.append(digits.data(), std::to_chars(digits.begin(), digits.end(), number).ptr).append(", ");
         }
-        const auto seconds
-            = std::to_chars(digits.begin(), digits.end(), decodeSeconds, std::chars_format::fixed, 9);
+        const auto seconds = std::to_chars(digits.begin(), digits.end(),
+            std::isfinite(decodeSeconds) ? decodeSeconds : 0.0, std::chars_format::fixed, 9);
         json.append("\"decodeSeconds\": ").append(digits.data(), seconds.ptr).append("}");
         return json;
     } catch (const std::bad_alloc&) {

@@ -35,9 +35,14 @@ void unlink(TileEntry& entry)
     entry.before = entry.after = nullptr;
 }
 
+std::size_t storedBytesOf(const TileEntry& entry)
+{
+    return std::size_t(entry.samples()) * sampleBytes(entry.encoding);
+}
+
 std::uint64_t tileBytesOf(const TileEntry& entry)
 {
-    return heapBytes(entry.samples() * sampleBytes(entry.encoding));
+    return TileMemory::bytesOf(storedBytesOf(entry));
 }
 
 } // namespace
@@ -171,7 +176,7 @@ void CacheCore::discard(TileEntry& entry)
 {
     if (entry.data) {
         const std::uint64_t bytes = tileBytesOf(entry);
-        TileSink::freeTile(entry.data);
+        m_tileMemory.free(entry.data, storedBytesOf(entry));
         entry.data = nullptr;
         unreserve(bytes);
         m_counts.tileBytes -= bytes;

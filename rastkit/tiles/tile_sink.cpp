@@ -1,10 +1,9 @@
 #include "rastkit/tiles/tile_sink.h"
 
 #include "rastkit/model/pixel_kernels.h"
-#include "rastkit/tiles/tile_table.h"
+#include "rastkit/tiles/tile_memory.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace QUtils {
 
@@ -19,7 +18,7 @@ std::uint64_t samplesOf(const TileSink::Area& area)
 
 std::uint64_t TileSink::bytesOf(const Area& area, TileEncoding encoding)
 {
-    return heapBytes(samplesOf(area) * sampleBytes(encoding));
+    return TileMemory::bytesOf(samplesOf(area) * sampleBytes(encoding));
 }
 
 TileSink::TileSink(const Area& area, TileEncoding encoding, MemoryGrant& grant)
@@ -29,7 +28,8 @@ TileSink::TileSink(const Area& area, TileEncoding encoding, MemoryGrant& grant)
 
 TileSink::~TileSink()
 {
-    freeTile(m_tile);
+    if (m_tile)
+        m_grant.freeTile(m_tile, tileBytes());
     if (m_granted != 0)
         m_grant.giveBack(m_granted);
 }
@@ -43,9 +43,9 @@ std::uint8_t* TileSink::release()
     return tile;
 }
 
-void TileSink::freeTile(std::uint8_t* tile)
+std::size_t TileSink::tileBytes() const
 {
-    std::free(tile);
+    return std::size_t(samplesOf(m_area)) * sampleBytes(m_encoding);
 }
 
 // A loader whose file cannot fill a tile has found that out before the first row comes: memory is not taken
@@ -53,8 +53,7 @@ void TileSink::freeTile(std::uint8_t* tile)
 bool TileSink::hasTile()
 {
     if (!m_tile && m_error == IMGERR_NONE) {
-        m_tile = static_cast<std::uint8_t*>(
-            std::calloc(std::size_t(samplesOf(m_area)), sampleBytes(m_encoding)));
+        m_tile = m_grant.allocateTile(tileBytes());
         if (!m_tile)
             m_error = IMGERR_MEMORY;
     }
@@ -135,13 +134,13 @@ bool TileSink::widen()
     if (!m_grant.take(bytes))
         return false;
     const auto samples = std::size_t(samplesOf(m_area));
-    auto* const floats = static_cast<float*>(std::malloc(samples * sizeof(float)));
+    auto* const floats = reinterpret_cast<float*>(m_grant.allocateTile(samples * sizeof(float)));
     if (!floats) {
         m_grant.giveBack(bytes);
         return false;
     }
     decodeSamples(m_encoding, m_tile, 0, floats, samples);
-    freeTile(m_tile);
+    m_grant.freeTile(m_tile, tileBytes());
     m_grant.giveBack(m_granted);
     m_granted = bytes;
     m_tile = reinterpret_cast<std::uint8_t*>(floats);

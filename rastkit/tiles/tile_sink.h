@@ -3,16 +3,20 @@
 #include "rastkit/tiles/tile_samples.h"
 #include "rastkit/types.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace QUtils {
 
-/// Gives and takes back the right to so many bytes of memory.
+/// Gives and takes back the right to so many bytes of memory, and the memory of tiles.
 class MemoryGrant {
 public:
     /// False when there is no room for them.
     [[nodiscard]] virtual bool take(std::uint64_t bytes) = 0;
     virtual void giveBack(std::uint64_t bytes) = 0;
+    /// Zeros, or null. Nothing is granted or given back with it.
+    virtual std::uint8_t* allocateTile(std::size_t bytes) = 0;
+    virtual void freeTile(std::uint8_t* tile, std::size_t bytes) = 0;
 
 protected:
     ~MemoryGrant() = default;
@@ -40,9 +44,8 @@ public:
     ImgErrorCode error() const { return m_error; }
     const Area& area() const { return m_area; }
     TileEncoding encoding() const { return m_encoding; }
-    /// The tile, to be freed by `freeTile`: rows of `width` times four samples. Null when nothing came.
+    /// The tile, to be freed by the grant: rows of `width` times four samples. Null when nothing came.
     [[nodiscard]] std::uint8_t* release();
-    static void freeTile(std::uint8_t* tile);
 
     void init(int, int) override { }
     int isValid() override { return m_error != IMGERR_MEMORY; }
@@ -59,6 +62,7 @@ private:
     void chooseNext();
     bool recodeBytes(TileEncoding encoding);
     bool widen();
+    std::size_t tileBytes() const;
 
     const Area m_area;
     MemoryGrant& m_grant;
