@@ -294,7 +294,9 @@ FileNeeds FileNeeds::of(const char* fileName)
     using namespace std::string_view_literals;
     char start[4096];
     const FilePtr file(my_fopen(fileName, "rb"));
-    const std::string_view bytes(start, file ? std::fread(start, 1, sizeof start, file) : 0);
+    if (!file) // Perhaps for want of memory: the worst is taken.
+        return { blockAheadBytes + exrHandleBytes, dwaBytes, 16 };
+    const std::string_view bytes(start, std::fread(start, 1, sizeof start, file));
     if (bytes.substr(0, 4) != "\x76\x2f\x31\x01"sv)
         return { blockAheadBytes + tiffHandleBytes, 0, 0 };
     FileNeeds needs { blockAheadBytes + exrHandleBytes, decompressorBytesOf(bytes), pixelBytesOf(bytes) };

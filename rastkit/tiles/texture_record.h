@@ -110,6 +110,7 @@ struct TextureRecord {
     std::uint64_t version = 0; ///< Counts changes of the file.
     int loaders = 0; ///< Open ones, and those that are being closed.
     bool isDescribing = false, isUnused = false;
+    bool isDoubtful = false; ///< A loader found another file than was described: counts as changed.
 };
 
 } // namespace RASTKIT_ABI

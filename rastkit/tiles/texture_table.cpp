@@ -215,6 +215,7 @@ void CacheCore::waitForDescription(Lock& lock, const TextureRecord& texture)
 void CacheCore::describe(Lock& lock, TextureRecord& texture)
 {
     texture.isDescribing = true;
+    texture.isDoubtful = false;
     DescribedFile file;
     file.error = IMGERR_MEMORY;
     FileNeeds needs;
@@ -282,16 +283,19 @@ bool CacheCore::refresh(Lock& lock, TextureRecord& texture)
     const FileIdentity identity = FileIdentity::of(texture.fileName.get());
     lock.lock();
     waitForDescription(lock, texture);
-    const bool hasChanged = identity != texture.identity;
-    const bool lackedMemory = texture.description.load(std::memory_order_relaxed)->error == IMGERR_MEMORY;
-    if (!hasChanged && !lackedMemory)
+    const bool hasChanged = identity != texture.identity || texture.isDoubtful;
+    const ImgErrorCode error = texture.description.load(std::memory_order_relaxed)->error;
+    // What is wrong with a file that has not changed may have been want of memory.
+    const bool mayBeBetter = error == IMGERR_MEMORY || (error != IMGERR_NONE && identity.exists);
+    if (!hasChanged && !mayBeBetter)
         return false;
     texture.isDescribing = true; // From here on, whoever wants a tile waits for the new description.
     ++texture.version;
     forgetTiles(texture);
     closeAllIdle(lock, texture);
     describe(lock, texture);
-    return hasChanged && !lackedMemory;
+    return (hasChanged && error != IMGERR_MEMORY)
+        || texture.description.load(std::memory_order_relaxed)->error != error;
 }
 
 int CacheCore::findChanges(std::vector<std::string>* names)

@@ -240,6 +240,7 @@ ImgErrorCode CacheCore::decode(
             error = runLoader(*loader, entry, place, sink);
         }
         lock.lock();
+        texture.isDoubtful |= !entry.isForgotten && !loader->params && error == IMGERR_READ;
     }
     releaseLoader(lock, *loader, error == IMGERR_NONE);
     return error;
