@@ -190,6 +190,7 @@ private:
     void closeIdle(Lock& lock, TileLoader& loader);
     void closeBusy(Lock& lock, TileLoader& loader);
     void closeAllIdle(Lock& lock, TextureRecord& texture);
+    void trimHeap();
 
     // Textures (texture_table.cpp).
     TextureRecord* find(const char* fileName, std::size_t hash) const;
@@ -223,6 +224,7 @@ private:
     std::uint64_t m_bytes = 0, m_peakBytes = 0;
     TileCacheStatistics m_counts; ///< Without what HitCounters have.
     std::atomic<std::uint64_t> m_decodeNanoseconds { 0 };
+    std::atomic<unsigned> m_closedFiles { 0 };
     std::uint64_t m_descriptionCount = 0;
     std::uint64_t m_queued = 0; ///< How many tiles are in the queue.
     int m_files = 0; ///< Open, being opened or being closed.

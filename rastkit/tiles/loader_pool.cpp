@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <new>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace QUtils {
 
@@ -159,10 +162,23 @@ void CacheCore::closeBusy(Lock& lock, TileLoader& loader)
     const std::uint64_t bytes = loader.bytes;
     lock.unlock();
     delete &loader;
+    trimHeap();
     lock.lock();
     --texture.loaders;
     giveFile(bytes);
     noteUnused(texture, true);
+}
+
+/// Files are opened in one thread and closed in another, and the heap keeps for each thread the most that it
+/// ever had. So what is free goes back to the system now and then: seldom enough to cost little beside
+/// opening files.
+void CacheCore::trimHeap()
+{
+#ifdef __GLIBC__
+    constexpr unsigned often = 64;
+    if ((m_closedFiles.fetch_add(1, std::memory_order_relaxed) + 1) % often == 0)
+        malloc_trim(0);
+#endif
 }
 
 void CacheCore::closeAllIdle(Lock& lock, TextureRecord& texture)

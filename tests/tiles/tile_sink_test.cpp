@@ -1,5 +1,7 @@
 #include "rastkit/tiles/tile_sink.h"
 
+#include "rastkit/tiles/tile_memory.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -20,7 +22,10 @@ public:
         return true;
     }
     void giveBack(std::uint64_t bytes) override { left += bytes; }
+    std::uint8_t* allocateTile(std::size_t bytes) override { return memory.allocate(bytes); }
+    void freeTile(std::uint8_t* tile, std::size_t bytes) override { memory.free(tile, bytes); }
 
+    TileMemory memory;
     std::uint64_t left = 1000000;
 };
 
@@ -38,13 +43,13 @@ protected:
     }
 
     /// The tile's samples, freed.
-    static std::vector<float> taken(TileSink& sink)
+    std::vector<float> taken(TileSink& sink)
     {
         std::vector<float> samples(3 * 2 * 4, -1);
         std::uint8_t* const tile = sink.release();
         if (tile)
             decodeSamples(sink.encoding(), tile, 0, samples.data(), samples.size());
-        TileSink::freeTile(tile);
+        m_grant.freeTile(tile, samples.size() * sampleBytes(sink.encoding()));
         return samples;
     }
 
