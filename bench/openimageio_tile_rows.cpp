@@ -128,7 +128,11 @@ void addColdRow(TextureFile& texture, const char* name, int threads)
     const auto cache = std::make_shared<CachePointer>();
     Row row = tileRow(texture, name, "", {});
     row.usesThreads = threads > 1;
-    row.reset = [cache] { *cache = newCache(); };
+    row.reset = [cache] {
+        cache->reset();
+        forgetMemory();
+        *cache = newCache();
+    };
     row.run = [cache, &texture, threads] { return loadTiles(**cache, texture, threads); };
     row.verify = [cache, &texture] { return holdsTiles(**cache, texture); };
     addRow(row);

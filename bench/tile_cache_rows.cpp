@@ -70,7 +70,11 @@ void addColdRow(TextureFile& texture, const char* name, const char* beside, int 
     const auto cache = std::make_shared<std::unique_ptr<TileCache>>();
     Row row = tileRow(texture, name, beside, goal);
     row.usesThreads = threads > 1;
-    row.reset = [cache] { *cache = newCache(); };
+    row.reset = [cache] {
+        cache->reset();
+        forgetMemory();
+        *cache = newCache();
+    };
     row.run = [cache, &texture, threads] { return loadTiles(**cache, texture, threads); };
     row.verify = [cache, &texture] { return holdsTiles(**cache, texture); };
     addRow(row);

@@ -28,6 +28,10 @@ Row hitRow(TextureFile& texture, const std::string& name, const std::string& bes
 /// ImageCache. Nothing is added where the benchmark was built without it.
 void addOpenImageIoTileRows(TextureFile& texture);
 
+/// Gives free memory of the heap back to the system, so that a cache that is filled for the first time finds
+/// none of that of the run before.
+void forgetMemory();
+
 /// This library's cache.
 void addTileCacheRows(TextureFile& texture);
 

@@ -5,6 +5,7 @@
 #include "rastkit/tiles.h"
 
 #include <algorithm>
+#include <malloc.h>
 #include <memory>
 #include <vector>
 
@@ -93,6 +94,11 @@ Row hitRow(TextureFile& texture, const std::string& name, const std::string& bes
         = std::uint64_t(threads) * hitPasses * allTiles().size() * 4 * sizeof(float); // A pixel each.
     row.usesThreads = threads > 1;
     return row;
+}
+
+void forgetMemory()
+{
+    malloc_trim(0);
 }
 
 void addTileRows()

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <sys/mman.h>
 #include <utility>
@@ -58,8 +59,11 @@ std::uint8_t* TileMemory::allocate(std::size_t bytes)
     if (bytes < pageBytes)
         return static_cast<std::uint8_t*>(std::calloc(bytes, 1));
     const std::size_t pages = pagesOf(bytes);
-    std::uint8_t* const tile = pages > mostPages ? map(pages * pageBytes) : takePlace(pages);
-    if (tile)
+    bool isWarm = false;
+    std::uint8_t* const tile = pages > mostPages ? map(pages * pageBytes) : takePlace(pages, isWarm);
+    if (tile && isWarm)
+        std::memset(tile, 0, bytes);
+    else if (tile)
         providePages(tile, pages * pageBytes);
     return tile;
 }
@@ -75,18 +79,56 @@ void TileMemory::free(std::uint8_t* tile, std::size_t bytes)
         munmap(tile, pages * pageBytes);
         return;
     }
-    static_cast<void>(madvise(tile, pages * pageBytes, MADV_DONTNEED)); // They are zeros again.
     const std::lock_guard lock(m_mutex);
     Places& places = m_places[pages];
     places.free[places.freeCount++] = tile;
+    if (keepWarm(places, pages)) {
+        std::swap(places.free[places.warmCount++], places.free[places.freeCount - 1]);
+        m_warmPages += pages;
+    } else {
+        static_cast<void>(madvise(tile, pages * pageBytes, MADV_DONTNEED)); // They are zeros again.
+    }
 }
 
-std::uint8_t* TileMemory::takePlace(std::size_t pages)
+/// Whether the place that is freed may keep its pages. A size that has no warm place takes the pages of
+/// another.
+bool TileMemory::keepWarm(const Places& places, std::size_t pages)
+{
+    constexpr std::size_t mostWarmPages = mostWarmBytes / pageBytes;
+    if (pages > mostWarmPages / 4)
+        return false;
+    while (m_warmPages + pages > mostWarmPages)
+        if (places.warmCount != 0 || !coolAnother())
+            return false;
+    return true;
+}
+
+/// Gives the pages of a warm place back, of the size that has most of them.
+bool TileMemory::coolAnother()
+{
+    std::size_t most = 0;
+    for (std::size_t pages = 1; pages < m_places.size(); ++pages)
+        if (m_places[pages].warmCount * pages > m_places[most].warmCount * most)
+            most = pages;
+    Places& places = m_places[most];
+    if (places.warmCount == 0)
+        return false;
+    static_cast<void>(madvise(places.free[--places.warmCount], most * pageBytes, MADV_DONTNEED));
+    m_warmPages -= most;
+    return true;
+}
+
+std::uint8_t* TileMemory::takePlace(std::size_t pages, bool& isWarm)
 {
     const std::lock_guard lock(m_mutex);
     Places& places = m_places[pages];
     if (places.freeCount == 0 && !addBlock(places, pages))
         return nullptr;
+    isWarm = places.warmCount != 0;
+    if (isWarm) {
+        std::swap(places.free[--places.warmCount], places.free[places.freeCount - 1]);
+        m_warmPages -= pages;
+    }
     return places.free[--places.freeCount];
 }
 

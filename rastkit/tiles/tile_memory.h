@@ -21,6 +21,9 @@ public:
     TileMemory& operator=(const TileMemory&) = delete;
     ~TileMemory(); ///< After all tiles are freed.
 
+    /// Free places have pages of so many bytes at most.
+    static constexpr std::size_t mostWarmBytes = std::size_t(2) << 20;
+
     /// What a tile of so many bytes takes of the memory.
     static std::uint64_t bytesOf(std::uint64_t bytes);
 
@@ -36,8 +39,8 @@ private:
         std::size_t bytes;
     };
     struct Places {
-        std::unique_ptr<std::uint8_t*[]> free; ///< Room for all there are.
-        std::size_t freeCount = 0, count = 0;
+        std::unique_ptr<std::uint8_t*[]> free; ///< Room for all there are; the warm ones, with pages, first.
+        std::size_t warmCount = 0, freeCount = 0, count = 0;
     };
 
     static constexpr std::size_t pageBytes = 4096;
@@ -46,11 +49,14 @@ private:
 
     static std::size_t pagesOf(std::size_t bytes) { return (bytes + pageBytes - 1) / pageBytes; }
     static std::uint8_t* map(std::size_t bytes);
-    std::uint8_t* takePlace(std::size_t pages);
+    std::uint8_t* takePlace(std::size_t pages, bool& isWarm);
+    bool keepWarm(const Places& places, std::size_t pages);
+    bool coolAnother();
     bool addBlock(Places& places, std::size_t pages);
 
     std::mutex m_mutex;
     Block* m_blocks = nullptr;
+    std::size_t m_warmPages = 0;
     std::array<Places, mostPages + 1> m_places; ///< By their pages.
 };
 

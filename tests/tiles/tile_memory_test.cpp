@@ -61,18 +61,36 @@ TEST(TileMemory, TilesDoNotOverlap)
     }
 }
 
-TEST(TileMemory, PagesOfFreedTilesGoBackToTheSystem)
+TEST(TileMemory, PagesOfFreedTilesGoBackToTheSystemButForAFew)
 {
     TileMemory memory;
-    constexpr std::size_t bytes = 64 * kibi;
-    std::uint8_t *const kept = memory.allocate(bytes), *const freed = memory.allocate(bytes);
-    ASSERT_TRUE(kept && freed);
-    std::memset(kept, 1, bytes);
-    std::memset(freed, 1, bytes);
-    memory.free(freed, bytes);
-    EXPECT_EQ(residentPages(kept, bytes), bytes / 4096);
-    EXPECT_EQ(residentPages(freed, bytes), 0u);
-    memory.free(kept, bytes);
+    for (const std::size_t bytes : { 64 * kibi, 40 * kibi }) {
+        std::vector<std::uint8_t*> tiles;
+        for (int i = 0; i < 100; ++i) {
+            tiles.push_back(memory.allocate(bytes));
+            ASSERT_TRUE(tiles.back());
+            std::memset(tiles.back(), 1, bytes);
+            EXPECT_EQ(residentPages(tiles.back(), bytes), bytes / 4096);
+        }
+        for (std::uint8_t* const tile : tiles)
+            memory.free(tile, bytes);
+        std::size_t resident = 0;
+        for (std::uint8_t* const tile : tiles)
+            resident += residentPages(tile, bytes);
+        EXPECT_GT(resident, 0u);
+        EXPECT_LE(resident * 4096, TileMemory::mostWarmBytes);
+    }
+}
+
+TEST(TileMemory, LargeTilesKeepNoPages)
+{
+    TileMemory memory;
+    constexpr std::size_t bytes = 1024 * kibi;
+    std::uint8_t* const tile = memory.allocate(bytes);
+    ASSERT_TRUE(tile);
+    std::memset(tile, 1, bytes);
+    memory.free(tile, bytes);
+    EXPECT_EQ(residentPages(tile, bytes), 0u);
 }
 
 TEST(TileMemory, WhatATileTakesIsAtLeastItsPages)
