@@ -76,19 +76,45 @@ void TileSink::setRow(int x, int y, int count, const unsigned int* argb)
     }
 }
 
-void TileSink::setRowF(int x, int y, int count, const float* rgba)
+/// How many samples of a run lie in the tile, and the place of the first one.
+std::size_t TileSink::samplesInside(int x, int y, int count, std::size_t& first)
 {
     if (isOutside(x, y, count))
         m_error = m_error != IMGERR_NONE ? m_error : IMGERR_UNSUPPORTED;
     if (!hasTile())
-        return;
+        return 0;
     x -= m_area.left;
     y -= m_area.top;
     count = std::min(count, m_area.width - x); // Beyond the edges of the level is nothing.
     if (y >= m_area.height || count <= 0)
+        return 0;
+    first = (std::size_t(y) * std::size_t(m_area.width) + std::size_t(x)) * 4;
+    return std::size_t(count) * 4;
+}
+
+void TileSink::setRowHalf(int x, int y, int count, const std::uint16_t* rgba)
+{
+    if (m_encoding == TileEncoding::Half) {
+        std::size_t first = 0;
+        if (const std::size_t samples = samplesInside(x, y, count, first))
+            std::copy_n(rgba, samples, reinterpret_cast<std::uint16_t*>(m_tile) + first);
         return;
-    const std::size_t first = (std::size_t(y) * std::size_t(m_area.width) + std::size_t(x)) * 4;
-    const std::size_t samples = std::size_t(count) * 4;
+    }
+    constexpr int blockPixels = 256;
+    float floats[blockPixels * 4];
+    for (int done = 0; done < count; done += blockPixels) {
+        const int block = std::min(count - done, blockPixels);
+        pixelKernels().halfToFloat(rgba + std::ptrdiff_t(done) * 4, floats, std::size_t(block) * 4);
+        setRowF(x + done, y, block, floats);
+    }
+}
+
+void TileSink::setRowF(int x, int y, int count, const float* rgba)
+{
+    std::size_t first = 0;
+    const std::size_t samples = samplesInside(x, y, count, first);
+    if (samples == 0)
+        return;
     while (!encodeSamples(m_encoding, rgba, m_tile + first * sampleBytes(m_encoding), samples)) {
         // What failed must not be taken for something that is stored.
         std::fill_n(

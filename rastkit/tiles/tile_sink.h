@@ -54,10 +54,12 @@ public:
     void setPixel(int x, int y, unsigned int argb) override { setRow(x, y, 1, &argb); }
     void setRow(int x, int y, int count, const unsigned int* argb) override;
     void setRowF(int x, int y, int count, const float* rgba) override;
+    /// The same for halfs, which are stored as they are where that is the encoding.
+    void setRowHalf(int x, int y, int count, const std::uint16_t* rgba);
 
 private:
     bool isOutside(int x, int y, int count) const;
-    bool clip(int& x, int& y, int& count, int& skipped) const;
+    std::size_t samplesInside(int x, int y, int count, std::size_t& first);
     bool hasTile();
     void chooseNext();
     bool recodeBytes(TileEncoding encoding);

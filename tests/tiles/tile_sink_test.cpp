@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -55,6 +56,31 @@ protected:
 
     BoundedGrant m_grant;
 };
+
+TEST_F(TileSinkTest, HalfsAreStoredAsTheyAreOrAsTheirFloats)
+{
+    constexpr std::uint16_t one = 0x3C00, half = 0x3800, signallingNan = 0x7D00;
+    std::array<std::uint16_t, 16> halfs;
+    halfs.fill(half);
+    for (const TileEncoding encoding : { TileEncoding::Half, TileEncoding::Float, TileEncoding::Byte255 }) {
+        TileSink sink(area, encoding, m_grant);
+        halfs[0] = one;
+        for (int y = 7; y >= 4; --y)
+            sink.setRowHalf(8, y, 4, halfs.data());
+        EXPECT_EQ(sink.error(), IMGERR_NONE);
+        std::vector<float> expected(24, 0.5f);
+        expected[0] = expected[12] = 1;
+        EXPECT_EQ(taken(sink), expected);
+    }
+    TileSink sink(area, TileEncoding::Half, m_grant);
+    halfs[0] = signallingNan;
+    sink.setRowHalf(8, 4, 4, halfs.data());
+    EXPECT_EQ(sink.encoding(), TileEncoding::Half);
+    EXPECT_TRUE(std::isnan(taken(sink)[0]));
+    TileSink other(area, TileEncoding::Half, m_grant);
+    other.setRowHalf(9, 4, 4, halfs.data());
+    EXPECT_EQ(other.error(), IMGERR_UNSUPPORTED);
+}
 
 TEST_F(TileSinkTest, RowsAreCutToTheTile)
 {
