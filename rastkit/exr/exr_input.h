@@ -18,7 +18,7 @@ class ExrInput : public Imf::IStream {
 public:
     static constexpr std::size_t largeBlock = std::size_t(256)
         << 10; ///< For what is read one after the other.
-    static constexpr std::size_t smallBlock = std::size_t(16) << 10; ///< For chunks here and there.
+    static constexpr std::size_t smallBlock = std::size_t(8) << 10; ///< For chunks here and there.
 
     /// The size that the data of a chunk must have, by the numbers in front of them: the y of a scan line, or
     /// x, y, x level and y level of a tile. Empty where nobody can say.
