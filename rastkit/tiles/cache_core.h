@@ -233,7 +233,7 @@ private:
     std::size_t m_nameCount = 0; ///< Chains, not names.
 };
 
-struct TileCache::State : CacheCore {
+struct TileCache::State final : CacheCore {
     using CacheCore::CacheCore;
 };
 
