@@ -167,8 +167,8 @@ void CacheCore::closeBusy(Lock& lock, TileLoader& loader)
 
 void CacheCore::closeAllIdle(Lock& lock, TextureRecord& texture)
 {
-    while (texture.idle)
-        closeIdle(lock, *texture.idle);
+    while (TileLoader* const loader = takeIdle(texture))
+        closeBusy(lock, *loader);
 }
 
 } // namespace QUtils

@@ -173,7 +173,7 @@ DescriptionPointer TextureDescription::make(
     DescriptionPointer made(new (block) TextureDescription);
     made->isExr = isExr;
     made->needs = needs;
-    made->info = params;
+    made->info = static_cast<const IMGINFO&>(params);
     made->tileWidth = params.tileWidth;
     made->tileHeight = params.tileHeight;
     made->levelCount = params.numLevels;
