@@ -166,6 +166,7 @@ private:
 
     // Memory (cache_memory.cpp).
     bool reserve(Lock& lock, std::uint64_t bytes);
+    bool reserveOrWait(Lock& lock, std::uint64_t bytes);
     void unreserve(std::uint64_t bytes) { m_bytes -= bytes; }
     bool makeRoom(Lock& lock);
     TileEntry* oldestTile();
