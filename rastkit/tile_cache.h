@@ -66,7 +66,8 @@ public:
     ~PinnedTile();
 
     /// IMGERR_NONE; that of the texture; what loadTile answered; IMGERR_READ a tile or level that is not
-    /// there; IMGERR_MEMORY no room within the bound, since all of it is pinned, or refused memory.
+    /// there; IMGERR_MEMORY no room within the bound, since all of it is pinned, or refused memory;
+    /// IMGERR_UNSUPPORTED one of several tiles of a TIFF texture that is stored mirrored.
     ImgErrorCode error() const { return m_error; }
     explicit operator bool() const { return m_entry != nullptr; }
 
@@ -90,9 +91,9 @@ private:
 };
 
 struct TileCacheSettings {
-    /// Most bytes of memory: tiles, open files with all that their readers hold, descriptions of textures,
-    /// and the cache's own tables. What is pinned counts too. A bound that is too small for a tile at all
-    /// gives IMGERR_MEMORY for it.
+    /// Most bytes of memory: tiles, open files with all that their readers hold (about 0.5 MiB each and
+    /// more for large tiles), descriptions of textures, and the cache's own tables. What is pinned counts
+    /// too. A bound that is too small for a tile at all gives IMGERR_MEMORY for it.
     std::uint64_t maxBytes = std::uint64_t(256) << 20;
     int maxOpenFiles = 100; ///< At least 1. Files are closed when others are wanted more.
     int maxLoadersPerFile = 0; ///< Threads that decode tiles of one file at once; 0: as many as come.
@@ -137,8 +138,8 @@ public:
     PinnedTile tile(const Texture& texture, int tx, int ty, int level);
 
     /// The tile that holds the pixel at (s, t), 0 to 1 from the top left corner, in the level whose pixels
-    /// are nearest in size to `width` (1: the whole texture); coordinates outside are wrapped. `x` and `y`
-    /// become the pixel's place in the tile. No tile for what is Black.
+    /// are nearest in size to `width` (1: the larger side of the texture); coordinates outside are wrapped,
+    /// NaN is 0. `x` and `y` become the pixel's place in the tile. No tile, and no error, for what is Black.
     PinnedTile tileAt(
         const Texture& texture, float s, float t, float width, TextureWrap wrap, int* x, int* y);
 
@@ -148,8 +149,8 @@ public:
     ImgErrorCode sample(const Texture& texture, float s, float t, float width, TextureWrap wrap, float* rgba);
 
     /// Looks whether the files have changed (time, size or identity), and forgets all of those that have.
-    /// Tiles that are pinned keep the old pixels; textures describe the new file from then on. How many have
-    /// changed; their names are added to `names` (may be null).
+    /// Tiles that are pinned keep the old pixels; textures describe the new file from then on, those with an
+    /// error also when it is the same. How many have changed; their names are added to `names` (may be null).
     int findChanges(std::vector<std::string>* names = nullptr);
 
     TileCacheStatistics statistics() const;

@@ -167,6 +167,7 @@ private:
 
     // Memory (cache_memory.cpp).
     bool reserve(Lock& lock, std::uint64_t bytes);
+    bool reserveOrWait(Lock& lock, std::uint64_t bytes);
     void unreserve(std::uint64_t bytes) { m_bytes -= bytes; }
     bool makeRoom(Lock& lock);
     TileEntry* oldestTile();
@@ -239,7 +240,7 @@ private:
     std::size_t m_nameCount = 0; ///< Chains, not names.
 };
 
-struct TileCache::State : CacheCore {
+struct TileCache::State final : CacheCore {
     using CacheCore::CacheCore;
 };
 

@@ -183,8 +183,8 @@ void CacheCore::trimHeap()
 
 void CacheCore::closeAllIdle(Lock& lock, TextureRecord& texture)
 {
-    while (texture.idle)
-        closeIdle(lock, *texture.idle);
+    while (TileLoader* const loader = takeIdle(texture))
+        closeBusy(lock, *loader);
 }
 
 } // namespace QUtils

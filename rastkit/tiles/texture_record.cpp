@@ -54,6 +54,13 @@ Format formatOfContents(const char* fileName, ImgErrorCode& error)
     return Format::Unknown;
 }
 
+/// Pipes and the like, which to open may wait for ever.
+bool isNoRegularFile(const char* fileName)
+{
+    const FileIdentity identity = FileIdentity::of(fileName);
+    return identity.exists && !identity.isRegular;
+}
+
 bool isTexture(const MipMapTileLoaderParams& params)
 {
     if (!params.isMipmapped || params.numLevels < 1 || params.numLevels >= 1 << TileKey::levelBits
@@ -95,14 +102,21 @@ FileIdentity FileIdentity::of(const char* fileName)
     struct stat status { };
     if (stat(fileName, &status) != 0)
         return {};
-    return { true, std::uint64_t(status.st_dev), std::uint64_t(status.st_ino), std::uint64_t(status.st_size),
-        std::int64_t(status.st_mtim.tv_sec), std::int64_t(status.st_mtim.tv_nsec) };
+    return { true, S_ISREG(status.st_mode), std::uint64_t(status.st_dev), std::uint64_t(status.st_ino),
+        std::uint64_t(status.st_size), std::int64_t(status.st_mtim.tv_sec),
+        std::int64_t(status.st_mtim.tv_nsec) };
 }
 
 DescribedFile describeFile(const char* fileName)
 {
     const Format expected = formatOfName(fileName);
     DescribedFile file;
+    if (isNoRegularFile(fileName)) {
+        file.error = expected == Format::Exr ? IMGERR_READ
+            : expected == Format::Tiff       ? IMGERR_OPEN
+                                             : IMGERR_FORMAT;
+        return file;
+    }
     if (expected != Format::Unknown) {
         file = describeAs(fileName, expected);
         if (file.error == IMGERR_NONE || file.error == IMGERR_MEMORY)
@@ -173,7 +187,7 @@ DescriptionPointer TextureDescription::make(
     DescriptionPointer made(new (block) TextureDescription);
     made->isExr = isExr;
     made->needs = needs;
-    made->info = params;
+    made->info = static_cast<const IMGINFO&>(params);
     made->tileWidth = params.tileWidth;
     made->tileHeight = params.tileHeight;
     made->levelCount = params.numLevels;
@@ -293,7 +307,7 @@ FileNeeds FileNeeds::of(const char* fileName)
 {
     using namespace std::string_view_literals;
     char start[4096];
-    const FilePtr file(my_fopen(fileName, "rb"));
+    const FilePtr file(isNoRegularFile(fileName) ? nullptr : my_fopen(fileName, "rb"));
     if (!file) // Perhaps for want of memory: the worst is taken.
         return { blockAheadBytes + exrHandleBytes, dwaBytes, 16 };
     const std::string_view bytes(start, std::fread(start, 1, sizeof start, file));

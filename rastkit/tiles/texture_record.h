@@ -15,7 +15,7 @@ struct TextureDescription;
 
 /// A file as the system knows it. Two that are alike have the same contents, unless somebody hides it.
 struct FileIdentity {
-    bool exists = false;
+    bool exists = false, isRegular = false;
     std::uint64_t device = 0, number = 0, size = 0;
     std::int64_t seconds = 0, nanoseconds = 0;
 

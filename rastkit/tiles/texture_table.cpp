@@ -131,7 +131,8 @@ bool CacheCore::growNames(Lock& lock)
 {
     constexpr std::size_t first = 32;
     const std::size_t count = m_nameCount == 0 ? first : m_nameCount * 2;
-    if (!reserve(lock, nameTableBytes(count)))
+    if (!(m_nameCount == 0 ? reserveOrWait(lock, nameTableBytes(count))
+                           : reserve(lock, nameTableBytes(count))))
         return m_nameCount != 0;
     std::unique_ptr<TextureRecord*[]> names(
         count > m_nameCount ? new (std::nothrow) TextureRecord* [count] {} : nullptr);
@@ -166,7 +167,7 @@ TextureRecord* CacheCore::open(const char* fileName)
             waitForDescription(lock, *known);
             return known;
         }
-        if ((!hasNames() && !growNames(lock)) || !reserve(lock, bytes))
+        if ((!hasNames() && !growNames(lock)) || !reserveOrWait(lock, bytes))
             return withoutMemory();
         if (!find(fileName, hash)) // The lock may have been left.
             break;
@@ -248,7 +249,7 @@ void CacheCore::install(Lock& lock, TextureRecord& texture, const DescribedFile&
     if (!file.params)
         return publish(TextureDescription::failed(file.error));
     const std::uint64_t bytes = TextureDescription::bytesFor(file.params->numLevels);
-    if (!reserve(lock, bytes))
+    if (!reserveOrWait(lock, bytes))
         return publish(TextureDescription::failed(IMGERR_MEMORY));
     DescriptionPointer made = TextureDescription::make(*file.params, file.isExr, needs);
     const TextureDescription* description = made.get();

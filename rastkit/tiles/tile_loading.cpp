@@ -122,7 +122,7 @@ bool CacheCore::prepareEntry(Lock& lock)
 bool CacheCore::growTable(Lock& lock)
 {
     const std::uint64_t bytes = m_table.growthBytes();
-    if (!reserve(lock, bytes))
+    if (!(m_table.hasBuckets() ? reserve(lock, bytes) : reserveOrWait(lock, bytes)))
         return false;
     if (m_table.growthBytes() == bytes && m_table.grow())
         return true;
@@ -133,7 +133,7 @@ bool CacheCore::growTable(Lock& lock)
 bool CacheCore::addEntries(Lock& lock)
 {
     const std::uint64_t bytes = TileTable::chunkBytes();
-    if (!reserve(lock, bytes))
+    if (!reserveOrWait(lock, bytes))
         return false;
     if (m_table.addChunk(*this))
         return true;

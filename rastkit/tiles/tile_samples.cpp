@@ -29,6 +29,17 @@ constexpr ByteTable table256 = makeTable([](int b) { return float(b) * scale256;
 constexpr ByteTable tableInverted = makeTable([](int b) { return 1 - float(255 - b) * scale255; });
 constexpr ByteTable tablePalette = makeTable([](int b) { return float(b * 257) * paletteScale; });
 
+/// Of an encoding in bytes.
+const ByteTable& tableOf(TileEncoding encoding)
+{
+    switch (encoding) {
+    case TileEncoding::Byte256: return table256;
+    case TileEncoding::ByteInverted: return tableInverted;
+    case TileEncoding::BytePalette: return tablePalette;
+    default: return table255;
+    }
+}
+
 /// Samples that are converted at a time: both forms stay in the first-level cache.
 constexpr std::size_t blockSamples = 1024;
 
@@ -54,8 +65,8 @@ void fromBytes(TileEncoding encoding, const std::uint8_t* bytes, float* samples,
         return pixelKernels().scaledByteToFloat(bytes, scale255, samples, count);
     if (encoding == TileEncoding::Byte256)
         return pixelKernels().scaledByteToFloat(bytes, scale256, samples, count);
-    const float* const values = byteValues(encoding);
-    std::transform(bytes, bytes + count, samples, [values](std::uint8_t byte) { return values[byte]; });
+    const ByteTable& table = tableOf(encoding);
+    std::transform(bytes, bytes + count, samples, [&table](std::uint8_t byte) { return table[byte]; });
 }
 
 bool encodeBlock(TileEncoding encoding, const float* samples, void* stored, std::size_t count)
@@ -113,13 +124,7 @@ TileEncoding nextEncoding(TileEncoding encoding)
 
 const float* byteValues(TileEncoding encoding)
 {
-    switch (encoding) {
-    case TileEncoding::Byte255: return table255.data();
-    case TileEncoding::Byte256: return table256.data();
-    case TileEncoding::ByteInverted: return tableInverted.data();
-    case TileEncoding::BytePalette: return tablePalette.data();
-    default: return nullptr;
-    }
+    return sampleOf(encoding) == TileSample::Byte ? tableOf(encoding).data() : nullptr;
 }
 
 bool encodeSamples(TileEncoding encoding, const float* samples, void* stored, std::size_t count)
