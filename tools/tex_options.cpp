@@ -25,10 +25,11 @@ template <typename Value> struct Named {
 
 constexpr Named<MipFilter> tableFilters[] = { { "box", MipFilter::Box }, { "triangle", MipFilter::Triangle },
     { "lanczos3", MipFilter::Lanczos3 }, { "mitchell", MipFilter::Mitchell } };
-constexpr Named<TextureWrap> tableWraps[] = { { "clamp", TextureWrap::Clamp },
-    { "periodic", TextureWrap::Periodic }, { "mirror", TextureWrap::Mirror }, { "black", TextureWrap::Black } };
-constexpr Named<TextureSample> tableSamples[] = { { "8", TextureSample::Byte }, { "16", TextureSample::Short },
-    { "half", TextureSample::Half }, { "float", TextureSample::Float } };
+constexpr Named<TextureWrap> tableWraps[]
+    = { { "clamp", TextureWrap::Clamp }, { "periodic", TextureWrap::Periodic },
+          { "mirror", TextureWrap::Mirror }, { "black", TextureWrap::Black } };
+constexpr Named<TextureSample> tableSamples[] = { { "8", TextureSample::Byte },
+    { "16", TextureSample::Short }, { "half", TextureSample::Half }, { "float", TextureSample::Float } };
 constexpr Named<TextureCompression> tableCompressions[]
     = { { "zip", TextureCompression::Zip }, { "deflate", TextureCompression::Zip },
           { "none", TextureCompression::None }, { "piz", TextureCompression::Piz },
@@ -47,10 +48,11 @@ bool find(const Named<Value> (&table)[count], const std::string& name, Value& va
 }
 
 /// The first name of a value.
-template <typename Value, std::size_t count> const char* nameIn(const Named<Value> (&table)[count], Value value)
+template <typename Value, std::size_t count>
+const char* nameIn(const Named<Value> (&table)[count], Value value)
 {
-    const auto found
-        = std::find_if(std::begin(table), std::end(table), [&](const auto& row) { return row.value == value; });
+    const auto found = std::find_if(
+        std::begin(table), std::end(table), [&](const auto& row) { return row.value == value; });
     return found == std::end(table) ? "" : found->name;
 }
 
@@ -66,7 +68,8 @@ template <typename Value, std::size_t count> std::string listOf(const Named<Valu
 std::pair<std::string, std::string> splitPair(const std::string& text, char separator)
 {
     const std::size_t at = text.find(separator);
-    return at == std::string::npos ? std::pair(text, text) : std::pair(text.substr(0, at), text.substr(at + 1));
+    return at == std::string::npos ? std::pair(text, text)
+                                   : std::pair(text.substr(0, at), text.substr(at + 1));
 }
 
 bool readNumber(const std::string& text, int& number)
@@ -113,8 +116,8 @@ std::string checkTile(const TextureSettings& settings, Target target)
 std::string checkFormat(const TextureSettings& settings, Target target)
 {
     const bool isInteger = settings.sample == TextureSample::Byte || settings.sample == TextureSample::Short;
-    const bool isExrs = settings.compression == TextureCompression::Piz
-        || settings.compression == TextureCompression::Dwaa;
+    const bool isExrs
+        = settings.compression == TextureCompression::Piz || settings.compression == TextureCompression::Dwaa;
     if (target == Target::Exr && isInteger)
         return "OpenEXR has half and float samples only";
     if (target == Target::Tiff && settings.sample == TextureSample::Half)
@@ -138,8 +141,7 @@ void TexOptions::declare(CLI::App& command)
     command.add_option("--tile", tile, "size of a tile, N or WxH")->capture_default_str();
     command.add_option("--filter", filter, "how levels are made: " + listOf(tableFilters))
         ->capture_default_str();
-    command
-        .add_option("--wrap", wrap, "what is beyond the edges, MODE or X,Y: " + listOf(tableWraps))
+    command.add_option("--wrap", wrap, "what is beyond the edges, MODE or X,Y: " + listOf(tableWraps))
         ->capture_default_str();
     command.add_option("--colour,--color", colour,
         "what the source's colour is, srgb or linear (without it: srgb for whole numbers of up to 16 bits)");
