@@ -1,3 +1,4 @@
+#include "rastkit/formats.h"
 #include "rastkit/load.h"
 #include "rastkit/model/pixel_kernels.h"
 #include "rastkit/texture_writer.h"
@@ -395,6 +396,11 @@ TEST_F(TextureWriting, AFileIsTheSameWithAnyNumberOfThreads)
             write(name, settings, 300, 200);
             EXPECT_TRUE(readFile(name) == alone) << name << " " << threads;
         }
+        setThreadCount(2); // OpenEXR's own, which its classes use too.
+        settings.threads = 0;
+        write(name, settings, 300, 200);
+        setThreadCount(0);
+        EXPECT_TRUE(readFile(name) == alone) << name;
     }
 }
 
