@@ -22,21 +22,22 @@ enum class TextureCompression : std::uint8_t { None, Zip, Piz, Dwaa, Lzw };
 
 struct TextureSettings {
     int tileWidth = 64, tileHeight = 64; ///< 1 to 4096; TIFF: multiples of 16.
-    int channels = 4; ///< 1 Y, 2 Y and alpha, 3 RGB, 4 RGBA. Y is the first of the colours, which grey images
-                      ///< have three times.
+    /// 1 Y, 2 Y and alpha, 3 RGB, 4 RGBA. Y is the first of the colours, which grey images have three times.
+    int channels = 4;
     MipFilter filter = MipFilter::Box;
-    TextureWrap wrapX = TextureWrap::Clamp,
-                wrapY = TextureWrap::Clamp; ///< What filters find beyond the edges.
+    /// What filters find beyond the edges.
+    TextureWrap wrapX = TextureWrap::Clamp, wrapY = TextureWrap::Clamp;
     TextureSample sample = TextureSample::Half;
     TextureCompression compression = TextureCompression::Zip;
     float dwaLevel = 45; ///< Of Dwaa: 0 lossless, more is smaller.
-    bool isSrgb
-        = false; ///< Colour has the transfer curve of sRGB: filtered in linear light, stored as it came.
+    /// Colour has the transfer curve of sRGB: filtered in linear light, stored as it came.
+    bool isSrgb = false;
     bool makeLinear = false; ///< Of such a texture: stored in linear light.
-    int threads = 0; ///< That compress beside the caller's, at most 256; 0: as many as OpenEXR is set to use;
-                     ///< negative: none. The file is the same.
-    const char* comment
-        = nullptr; ///< For OpenEXR's attribute "comments" and TIFF's ImageDescription; copied.
+    /// That compress beside the caller's, at most 256; 0: as many as OpenEXR is set to use; negative: none.
+    /// The file is the same.
+    int threads = 0;
+    /// For OpenEXR's attribute "comments" and TIFF's ImageDescription; copied.
+    const char* comment = nullptr;
 };
 
 /// A sink that writes the image it is given as a mip-mapped, tiled texture, OpenEXR or TIFF by the name's
@@ -51,7 +52,7 @@ struct TextureSettings {
 /// of its pixels was stored; what is stored into it later is dropped. docs/conventions.md has the details.
 ///
 /// Nothing but the constructor throws: what goes wrong shows in `isValid` after `init`, and in `finish`. A
-/// texture that is not finished leaves a file that no reader takes.
+/// texture that is not finished leaves its incomplete file.
 class RASTKIT_API TextureWriter : public ImgRowBuffer {
 public:
     TextureWriter(const char* fileName, const TextureSettings& settings);

@@ -182,7 +182,8 @@ std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSetti
         return "--compression takes one of " + listOf(tableCompressions);
     if (!colour.empty() && colour != "srgb" && colour != "linear")
         return "--colour takes srgb or linear";
-    settings.channels = source.channels;
+    // The tile loader has grey with alpha from TIFF in 8 bits only.
+    settings.channels = target == Target::Tiff && source.channels == 2 ? 4 : source.channels;
     settings.isSrgb = colour.empty() ? source.isInteger() : colour == "srgb";
     settings.makeLinear = toLinear;
     settings.dwaLevel = dwaLevel;

@@ -344,6 +344,11 @@ TEST_F(TextureWriting, RowsMayComeInAnyOrderAndInParts)
                         writer.setPixelF(x, y, rowOf(y, w).data() + x * 4);
                 }
         },
+        [](TextureWriter& writer, int w, int h) { // Column by column, as of a picture that is turned.
+            for (int x = 0; x < w; ++x)
+                for (int y = 0; y < h; ++y)
+                    writer.setPixelF(x, y, rowOf(y, w).data() + x * 4);
+        },
         [](TextureWriter& writer, int w, int h) { // Parts that overlap, then outside.
             for (int y = 0; y < h; ++y) {
                 const std::vector<float> row = rowOf(y, w);

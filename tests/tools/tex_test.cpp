@@ -142,6 +142,24 @@ TEST_F(ToolTex, AlphaIsThereWhenTheSourceHasIt)
     EXPECT_EQ(std::lround(readLevels(m_tif)[0].at(0, 0, 3) * 255), 0x80);
 }
 
+TEST_F(ToolTex, GreyWithAlphaIsWhatTheLoadersReadExactly)
+{
+    SgiBytes sgi;
+    sgi.bytesPerChannel = 2;
+    sgi.channels = 2;
+    sgi.data = { 0x12, 0x34, 0x56, 0x78 };
+    const std::string in = make("in.sgi", sgi.bytes());
+    ASSERT_EQ(tex(in, m_exr, { "--sample", "float" }).exitCode, 0);
+    EXPECT_EQ(describeTexture(m_exr)->numChannels, 2);
+    ASSERT_EQ(tex(in, m_tif).exitCode, 0);
+    EXPECT_EQ(describeTexture(m_tif)->numChannels, 4);
+    for (const std::string& out : { m_exr, m_tif }) {
+        const Plane level = readLevels(out)[0];
+        EXPECT_EQ(std::lround(level.at(0, 0, 1) * 65535), 0x1234);
+        EXPECT_EQ(std::lround(level.at(0, 0, 3) * 65535), 0x5678);
+    }
+}
+
 TEST_F(ToolTex, RowsFromTheBottomMakeTheSamePixels)
 {
     ASSERT_EQ(tex(make("a.tga", pictureOf(70, 50).bytes()), m_dir / "a.exr").exitCode, 0);
