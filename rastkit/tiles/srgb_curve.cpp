@@ -62,9 +62,9 @@ unsigned SrgbNumbers::operator()(float linear) const
     const std::size_t interval = (bits >> droppedBits) - (bitsOf(smallestLinear) >> droppedBits);
     const float part = float(bits & ((1u << droppedBits) - 1)) * (1.0f / float(1u << droppedBits));
     const float low = m_estimates[interval], high = m_estimates[interval + 1];
-    const auto near = unsigned(low + (high - low) * part + 0.5f);
-    // The estimate is one off at most.
-    return near + (linear >= m_first[near + 1] ? 1u : 0u) - (linear < m_first[near] ? 1u : 0u);
+    // The estimate is less than half a number wrong: rounded down, it is the nearest one or that below it.
+    const auto below = unsigned(low + (high - low) * part);
+    return below + (linear >= m_first[below + 1] ? 1u : 0u);
 }
 
 } // namespace QUtils

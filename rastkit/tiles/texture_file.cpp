@@ -23,8 +23,8 @@ bool TextureOutput::open(const char* name)
 
 bool TextureOutput::append(const void* bytes, std::size_t count)
 {
-    if (m_systemError != 0)
-        return false;
+    if (m_systemError != 0 || count == 0)
+        return m_systemError == 0;
     errno = 0;
     if (std::fwrite(bytes, 1, count, m_file) != count)
         return fail();

@@ -1,5 +1,6 @@
 #include "rastkit/tiles/texture_record.h"
 
+#include "rastkit/exr/exr_input.h"
 #include "rastkit/tiles.h"
 #include "rastkit/tiles/tile_table.h"
 
@@ -245,7 +246,8 @@ bool TextureDescription::hasTile(int tx, int ty, int level) const
 namespace {
 
 // Measured with OpenEXR 3.1 and libtiff 4.5, and rounded up.
-constexpr std::uint64_t blockAheadBytes = std::uint64_t(256) << 10; ///< Read ahead by our own streams.
+/// Read ahead by our own streams.
+constexpr std::uint64_t exrAheadBytes = ExrInput::smallBlock, tiffAheadBytes = std::uint64_t(256) << 10;
 constexpr std::uint64_t exrHandleBytes = std::uint64_t(48) << 10; ///< With its header.
 constexpr std::uint64_t tiffHandleBytes = std::uint64_t(96) << 10; ///< And the state of its decompressor.
 constexpr std::uint64_t pizBytes = std::uint64_t(208) << 10; ///< Tables of a code, and of values.
@@ -309,11 +311,11 @@ FileNeeds FileNeeds::of(const char* fileName)
     char start[4096];
     const FilePtr file(isNoRegularFile(fileName) ? nullptr : my_fopen(fileName, "rb"));
     if (!file) // Perhaps for want of memory: the worst is taken.
-        return { blockAheadBytes + exrHandleBytes, dwaBytes, 16 };
+        return { exrAheadBytes + exrHandleBytes, dwaBytes, 16 };
     const std::string_view bytes(start, std::fread(start, 1, sizeof start, file));
     if (bytes.substr(0, 4) != "\x76\x2f\x31\x01"sv)
-        return { blockAheadBytes + tiffHandleBytes, 0, 0 };
-    FileNeeds needs { blockAheadBytes + exrHandleBytes, decompressorBytesOf(bytes), pixelBytesOf(bytes) };
+        return { tiffAheadBytes + tiffHandleBytes, 0, 0 };
+    FileNeeds needs { exrAheadBytes + exrHandleBytes, decompressorBytesOf(bytes), pixelBytesOf(bytes) };
     needs.describingBytes += std::min(needs.decompressorBytes, pizBytes); // Others take theirs later.
     constexpr std::size_t sizeBytes = sizeof(std::uint32_t);
     if (const char* const tiles = findAttribute(bytes, "tiles\0tiledesc\0\x09\0\0\0"sv, 2 * sizeBytes)) {
@@ -336,11 +338,11 @@ std::uint64_t TextureDescription::loaderBytes() const
     const std::uint64_t stored
         = pixels * (isExr ? needs.pixelBytes : std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8);
     const std::uint64_t row = std::uint64_t(tileWidth) * 4 * sizeof(float);
-    const std::uint64_t all = blockAheadBytes + tiles * tileOffsetBytes + row + needs.decompressorBytes;
+    const std::uint64_t all = tiles * tileOffsetBytes + row + needs.decompressorBytes;
     if (!isExr)
-        return all + tiffHandleBytes + 2 * stored; // Compressed, and decoded.
+        return all + tiffAheadBytes + tiffHandleBytes + 2 * stored; // Compressed, and decoded.
     const std::uint64_t own = pixels * 4 * (info.bitsPerPixel / info.numChannels > 16 ? 4 : 2);
-    return all + exrHandleBytes + exrBufferBytes(stored) + own;
+    return all + exrAheadBytes + exrHandleBytes + exrBufferBytes(stored) + own;
 }
 
 } // namespace QUtils

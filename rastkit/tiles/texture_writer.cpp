@@ -8,7 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
+#include <exception>
 #include <string>
 #include <utility>
 
@@ -55,7 +55,7 @@ struct TextureWriter::State {
         image.reset();
     }
 
-    /// Does a part of the work, unless there was an error. Refused memory is one.
+    /// Does a part of the work, unless there was an error. Refused memory is one, by whatever exception.
     template <typename Work> void fenced(const Work& work)
     {
         if (!image)
@@ -64,7 +64,7 @@ struct TextureWriter::State {
             work();
             if (const ImgErrorCode code = image->error())
                 fail(code);
-        } catch (const std::bad_alloc&) {
+        } catch (const std::exception&) {
             fail(IMGERR_MEMORY);
         }
     }
@@ -100,7 +100,7 @@ ImgErrorCode TextureWriter::State::finish()
     ImgErrorCode code = IMGERR_NONE;
     try {
         code = image->finish();
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
         code = IMGERR_MEMORY;
     }
     fail(code);
