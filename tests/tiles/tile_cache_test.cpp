@@ -486,7 +486,7 @@ TEST_F(TileCacheTest, NoMoreFilesAreOpenThanAllowed)
     EXPECT_EQ(statistics.peakOpenFiles, 3u);
     EXPECT_EQ(statistics.openFiles, 3u);
     EXPECT_EQ(statistics.opens, 10u + 30u);
-    EXPECT_GT(statistics.fileBytes, 3u * 256 * 1024);
+    EXPECT_GT(statistics.fileBytes, 3u * 128 * 1024);
 }
 
 TEST_F(TileCacheTest, EverythingIsGivenBackAtTheEnd)
