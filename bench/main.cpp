@@ -42,6 +42,7 @@ int main(int argc, char** argv)
     bench::addSgiRows();
     bench::addTgaRows();
     bench::addTiffRows();
+    bench::addTileRows();
     bench::addKernelRows();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -14,9 +14,6 @@ namespace bench {
 
 namespace {
 
-/// Runs in one repetition. The first finds the caches as another row left them.
-constexpr int runsPerRepetition = 3;
-
 /// A row and what its repetitions remember of each other.
 struct Entry {
     Row row;
@@ -116,7 +113,7 @@ void addRow(Row row)
     entry->row = std::move(row);
     benchmark::RegisterBenchmark(
         entry->row.name.c_str(), [entry](benchmark::State& state) { measure(state, *entry); })
-        ->Iterations(runsPerRepetition)
+        ->Iterations(entry->row.runs)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);
 }

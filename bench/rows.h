@@ -34,6 +34,7 @@ struct Row {
     std::function<bool()> verify = {};
     /// A row whose work is spread over threads counts the time of the clock, not of its own thread.
     bool usesThreads = false;
+    int runs = 3; ///< In one repetition. The first finds the caches as another row left them.
     /// Where files are compared too: how large this row's is, as a part of that of the row beside.
     std::function<double()> sizeRatio = {};
 };
@@ -61,5 +62,6 @@ void addQuimgRows();
 void addSgiRows();
 void addTgaRows();
 void addTiffRows();
+void addTileRows();
 
 } // namespace bench

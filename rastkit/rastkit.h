@@ -38,6 +38,8 @@
 #include "rastkit/formats.h"
 #include "rastkit/load.h"
 #include "rastkit/save.h"
+#include "rastkit/texture_writer.h"
+#include "rastkit/tile_cache.h"
 #include "rastkit/tiles.h"
 #include "rastkit/types.h"
 #include "rastkit/writer.h"

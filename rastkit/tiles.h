@@ -114,3 +114,6 @@ using ::MipMapTileLoaderParams;
 using ::TIFTileLoaderParams;
 
 } // namespace QUtils
+
+// Last, since it builds upon the above.
+#include "rastkit/tile_cache.h" // IWYU pragma: export

@@ -23,5 +23,6 @@ Action addInfo(CLI::App& command);
 Action addConvert(CLI::App& command);
 Action addFormats(CLI::App& command);
 Action addRaw(CLI::App& command);
+Action addTex(CLI::App& command);
 
 } // namespace tool

@@ -25,6 +25,7 @@ constexpr Command tableCommands[] = {
     { "convert", "Write an image in the format of another extension", addConvert },
     { "formats", "List the formats and what this build does with them", addFormats },
     { "raw",     "Look at quimg files, raw render output, and convert them", addRaw },
+    { "tex",     "Make a mip-mapped, tiled texture of an image",     addTex },
 };
 // clang-format on
 

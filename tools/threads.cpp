@@ -89,7 +89,12 @@ int countThreads()
 
 void useThreads()
 {
-    const int count = countThreads();
+    useThreads(0);
+}
+
+void useThreads(int wanted)
+{
+    const int count = wanted > 0 ? wanted : countThreads();
     setThreadCount(count > 1 ? count : 0);
 }
 

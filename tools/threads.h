@@ -7,6 +7,9 @@ namespace tool {
 /// One means that nothing runs beside the program's own thread.
 void useThreads();
 
+/// The same with a number that the user asks for, 1 and more; 0 for none.
+void useThreads(int wanted);
+
 /// What `useThreads` goes by; at least 1.
 int countThreads();
 

@@ -53,6 +53,21 @@ public:
         return std::int64_t(done);
     }
 
+    /// Reads past the block, and leaves the position. How many bytes there were.
+    std::size_t readAt(std::uint64_t offset, std::uint8_t* to, std::size_t count) const
+    {
+        std::size_t done = 0;
+        while (done < count) {
+            const ssize_t got = pread(m_descriptor, to + done, count - done, off_t(offset + done));
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0)
+                break;
+            done += std::size_t(got);
+        }
+        return done;
+    }
+
     /// Where the bytes can be made that are written next, so that to write them copies nothing. Null where
     /// there is no room for them.
     std::uint8_t* room(std::size_t count)
@@ -162,20 +177,6 @@ private:
         m_blockBegin = m_position;
         m_blockSize = readAt(m_position, m_block.get(), m_nextBlock);
         return m_blockSize != 0;
-    }
-
-    std::size_t readAt(std::uint64_t offset, std::uint8_t* to, std::size_t count) const
-    {
-        std::size_t done = 0;
-        while (done < count) {
-            const ssize_t got = pread(m_descriptor, to + done, count - done, off_t(offset + done));
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got <= 0)
-                break;
-            done += std::size_t(got);
-        }
-        return done;
     }
 
     bool writeAll(std::uint64_t offset, const void* from, std::size_t count)
@@ -327,6 +328,12 @@ void* tiffRoom(TIFF* tiff, std::size_t bytes)
 std::uint64_t tiffFileBytes(TIFF* tiff)
 {
     return streamOf(TIFFClientdata(tiff)).size();
+}
+
+bool tiffReadAt(TIFF* tiff, std::uint64_t offset, void* to, std::size_t count)
+{
+    return offset <= std::uint64_t(INT64_MAX)
+        && streamOf(TIFFClientdata(tiff)).readAt(offset, static_cast<std::uint8_t*>(to), count) == count;
 }
 
 std::uint64_t tiffExpansion(unsigned compression)

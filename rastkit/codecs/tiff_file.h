@@ -35,6 +35,9 @@ void* tiffRoom(TIFF* tiff, std::size_t bytes);
 /// Bytes of the file behind a handle of my_TIFFOpen.
 std::uint64_t tiffFileBytes(TIFF* tiff);
 
+/// Reads so many bytes of that file, past libtiff and its position. False when there are not as many.
+[[nodiscard]] bool tiffReadAt(TIFF* tiff, std::uint64_t offset, void* to, std::size_t count);
+
 /// How many bytes one byte of data can become that is compressed in this way (tag 259), at most.
 std::uint64_t tiffExpansion(unsigned compression);
 

@@ -21,8 +21,6 @@ namespace QUtils {
 
 namespace {
 
-constexpr std::size_t blockBytes = std::size_t(256) << 10;
-
 [[noreturn]] void refuse(const Imf::IStream& in, const char* why)
 {
     throw Iex::InputExc(std::string("Cannot read image file \"") + in.fileName() + "\". " + why);
@@ -40,7 +38,8 @@ std::uint32_t littleEndian32(const char* bytes)
 
 // --- The file --------------------------------------------------------------------------------------------
 
-ExrInput::ExrInput(const char* name) : IStream(name ? name : "")
+ExrInput::ExrInput(const char* name, std::size_t blockBytes)
+    : IStream(name ? name : ""), m_blockBytes(blockBytes)
 {
     struct stat facts { };
     // Asked by its name first: to open a pipe that nobody writes to would wait for ever.
@@ -52,7 +51,7 @@ ExrInput::ExrInput(const char* name) : IStream(name ? name : "")
     if (fstat(fileno(m_file), &facts) != 0 || !S_ISREG(facts.st_mode))
         refuse(*this, "It is not a regular file.");
     m_size = std::uint64_t(facts.st_size);
-    m_block.reset(new char[std::size_t(std::min<std::uint64_t>(blockBytes, m_size))]);
+    m_block.reset(new char[std::size_t(std::min<std::uint64_t>(m_blockBytes, m_size))]);
 }
 
 ExrInput::~ExrInput() = default;
@@ -72,12 +71,12 @@ std::size_t ExrInput::readAt(std::uint64_t position, char* bytes, std::size_t co
 
 void ExrInput::fillBlock()
 {
-    // Whoever goes back will go back again (rows that are stored from the bottom up): most of the block then
-    // lies in front.
-    const bool goesBack = m_position < m_blockBegin;
-    const std::uint64_t before = goesBack ? std::min<std::uint64_t>(m_position, blockBytes / 4 * 3) : 0;
+    // Whoever goes back in what is read one after the other will go back again (rows that are stored from the
+    // bottom up): most of the block then lies in front.
+    const bool goesBack = m_blockBytes == largeBlock && m_position < m_blockBegin;
+    const std::uint64_t before = goesBack ? std::min<std::uint64_t>(m_position, m_blockBytes / 4 * 3) : 0;
     const std::uint64_t begin = m_position - before;
-    const std::size_t wanted = std::size_t(std::min<std::uint64_t>(blockBytes, m_size - begin));
+    const std::size_t wanted = std::size_t(std::min<std::uint64_t>(m_blockBytes, m_size - begin));
     m_blockBegin = m_blockEnd = begin;
     m_blockEnd += readAt(begin, m_block.get(), wanted);
 }
@@ -92,7 +91,7 @@ void ExrInput::readBytes(char* bytes, std::size_t count)
         if (m_position >= m_blockBegin && m_position < m_blockEnd) {
             got = std::size_t(std::min<std::uint64_t>(left, m_blockEnd - m_position));
             std::memcpy(bytes, m_block.get() + (m_position - m_blockBegin), got);
-        } else if (left >= blockBytes) {
+        } else if (left >= m_blockBytes) {
             got = readAt(m_position, bytes, left);
             if (got == 0) // Cut short by somebody since it was opened.
                 throw Iex::InputExc("Unexpected end of file.");

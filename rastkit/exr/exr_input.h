@@ -12,10 +12,14 @@
 
 namespace QUtils {
 
-/// The file that an OpenEXR file is read from: in blocks of 256 KiB, larger pieces straight into the
-/// library's memory. Reads past the end throw Iex::InputExc, as OpenEXR expects.
+/// The file that an OpenEXR file is read from: in blocks, larger pieces straight into the library's memory.
+/// Reads past the end throw Iex::InputExc, as OpenEXR expects.
 class ExrInput : public Imf::IStream {
 public:
+    static constexpr std::size_t largeBlock = std::size_t(256)
+        << 10; ///< For what is read one after the other.
+    static constexpr std::size_t smallBlock = std::size_t(8) << 10; ///< For chunks here and there.
+
     /// The size that the data of a chunk must have, by the numbers in front of them: the y of a scan line, or
     /// x, y, x level and y level of a tile. Empty where nobody can say.
     using ChunkSize = std::function<std::uint64_t(const std::int32_t* place)>;
@@ -26,7 +30,7 @@ public:
 
     /// Throws Iex::ErrnoExc when the file cannot be opened, Iex::InputExc when it is no regular file: an
     /// OpenEXR file is read from many places, which a pipe has not.
-    explicit ExrInput(const char* name);
+    explicit ExrInput(const char* name, std::size_t blockBytes = largeBlock);
     ~ExrInput() override;
 
     bool read(char* bytes, int count) override;
@@ -53,6 +57,7 @@ private:
 
     FilePtr m_file;
     std::uint64_t m_size = 0, m_position = 0;
+    std::size_t m_blockBytes;
     std::unique_ptr<char[]> m_block;
     std::uint64_t m_blockBegin = 0, m_blockEnd = 0;
     Chunks m_chunks;

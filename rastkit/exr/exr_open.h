@@ -4,17 +4,19 @@
 
 #include <ImfThreading.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 
 namespace QUtils {
 
-/// A file that one of OpenEXR's classes reads, its headers checked. The constructor throws whatever is wrong
-/// with it.
+/// A file that one of OpenEXR's classes reads, its headers checked, in blocks of so many bytes. The
+/// constructor throws whatever is wrong with it.
 template <typename File> class OpenExr {
 public:
-    explicit OpenExr(const char* name)
-        : m_input(name), m_chunks(checkExrHeaders(m_input)), m_file(m_input, Imf::globalThreadCount())
+    explicit OpenExr(const char* name, std::size_t blockBytes = ExrInput::largeBlock)
+        : m_input(name, blockBytes), m_chunks(checkExrHeaders(m_input)),
+          m_file(m_input, Imf::globalThreadCount())
     {
         m_input.expectChunks(std::move(m_chunks));
     }

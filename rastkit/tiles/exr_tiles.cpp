@@ -6,7 +6,9 @@
 #include "rastkit/model/pixel_kernels.h"
 #include "rastkit/model/pixel_memory.h"
 #include "rastkit/model/row_sink.h"
+#include "rastkit/model/type_information.h"
 #include "rastkit/tiles.h"
+#include "rastkit/tiles/tile_sink.h"
 
 #include <Iex.h>
 #include <ImfFloatAttribute.h>
@@ -30,11 +32,17 @@ namespace {
 
 using TiledExr = OpenExr<Imf::TiledInputFile>;
 
+/// The cache's own sink takes halfs as they are.
+TileSink* asTileSink(ImgBuffer& buffer)
+{
+    return hasTypeInformation(buffer) ? dynamic_cast<TileSink*>(&buffer) : nullptr;
+}
+
 /// The open file, and memory for one tile of it.
 class ExrTiles {
 public:
     /// Throws whatever is wrong, a file that is not as described among it.
-    explicit ExrTiles(const MipMapTileLoaderParams& params) : m_file(openName(params))
+    explicit ExrTiles(const MipMapTileLoaderParams& params) : m_file(openName(params), ExrInput::smallBlock)
     {
         const Imf::Header& header = m_file->header();
         const ExrChannels channels = pickExrChannels(header, Conventions::Renderer);
@@ -64,6 +72,12 @@ public:
         m_isSpoilt = true;
         m_file->readTile(tx, ty, level);
         m_isSpoilt = false;
+        if (TileSink* const tile = m_isHalf ? asTileSink(buffer) : nullptr) {
+            for (std::int64_t row = 0; row < m_height; ++row)
+                tile->setRowHalf(int(x), int(y + row), int(m_width),
+                    reinterpret_cast<const std::uint16_t*>(m_tile.get() + std::size_t(row) * rowBytes()));
+            return;
+        }
         RowSink sink(buffer);
         sink.adopt(INT_MAX, INT_MAX); // The buffer has the size of the level, which it alone knows.
         for (std::int64_t row = 0; row < m_height; ++row)
@@ -215,7 +229,7 @@ ImgError LoadEXRHeaderEx(const char* fileName, EXRTileLoaderParams& params)
     try {
         QUtils::startExrLibrary();
         {
-            QUtils::OpenExr<Imf::InputFile> file(fileName);
+            QUtils::OpenExr<Imf::InputFile> file(fileName, QUtils::ExrInput::smallBlock);
             const Imf::Header& header = file->header();
             QUtils::loadExrHeader_common(header, &params);
             QUtils::readTileLayout(header, params);
@@ -223,7 +237,7 @@ ImgError LoadEXRHeaderEx(const char* fileName, EXRTileLoaderParams& params)
             QUtils::readRange(header, "maxValue", "maxValueVec", params.maxValue);
         }
         if (params.isMipmapped) {
-            QUtils::TiledExr file(fileName);
+            QUtils::TiledExr file(fileName, QUtils::ExrInput::smallBlock);
             MipLevel* const levels = params.replaceLevels(file->numLevels());
             if (!levels)
                 return IMGERR_READ;

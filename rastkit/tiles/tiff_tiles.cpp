@@ -17,6 +17,7 @@
 #include <mutex>
 #include <new>
 #include <tiffio.h>
+#include <utility>
 
 namespace QUtils {
 
@@ -47,6 +48,46 @@ struct LevelTags {
 
 struct TileSize {
     std::int64_t width, height;
+
+    bool operator==(const TileSize&) const = default;
+};
+
+/// How the tiles of a directory are stored, in the values of the tags.
+struct TileCoding {
+    unsigned compression = COMPRESSION_NONE, predictor = PREDICTOR_NONE, fillOrder = FILLORDER_MSB2LSB;
+
+    static TileCoding of(TIFF* tiff, unsigned compression)
+    {
+        std::uint16_t predictor = PREDICTOR_NONE, fillOrder = FILLORDER_MSB2LSB;
+        TIFFGetField(tiff, TIFFTAG_PREDICTOR, &predictor);
+        TIFFGetFieldDefaulted(tiff, TIFFTAG_FILLORDER, &fillOrder);
+        return { compression, predictor, fillOrder };
+    }
+
+    bool operator==(const TileCoding&) const = default;
+
+    /// Whether a tile's bytes, and these three, are all that it takes to decode it.
+    bool isPlain() const
+    {
+        return compression == COMPRESSION_NONE || compression == COMPRESSION_LZW
+            || compression == COMPRESSION_PACKBITS || compression == COMPRESSION_DEFLATE
+            || compression == COMPRESSION_ADOBE_DEFLATE;
+    }
+};
+
+/// Where the tiles of a level lie in the file, plane by plane.
+struct TilePlaces {
+    struct Place {
+        std::uint64_t offset, bytes;
+    };
+
+    int width = 0, height = 0; ///< Of the level.
+    std::unique_ptr<Place[]> places; ///< Null where they are not known.
+
+    bool areKnownOf(const MipLevel& shape) const
+    {
+        return places && width == shape.width && height == shape.height;
+    }
 };
 
 /// Writers of textures mark them with this tag, which the library has as a text.
@@ -74,6 +115,10 @@ int countLevels(TIFF* tiff, int width, int height)
 // --- Tiles -----------------------------------------------------------------------------------------------
 
 /// An open texture, and memory for one tile of it.
+///
+/// To move libtiff to the directory of another level takes longer than to decode a small tile. So the places
+/// of a level's tiles are noted when it is met first; from then on its tiles are read from there, and decoded
+/// in whatever directory libtiff is at, as long as that stores its tiles in the same way.
 class TiffTiles {
 public:
     explicit TiffTiles(const char* name) : m_file(name, "r") { }
@@ -97,17 +142,18 @@ public:
     {
         if (!isAs(params) || m_tile.width != params.tileWidth || m_tile.height != params.tileHeight)
             return IMGERR_READ;
-        RASTKIT_TRY(select(level, params.levels[level], size));
+        const MipLevel& shape = params.levels[level];
+        if (!m_isAtCommonCoding || !m_places[level].areKnownOf(shape))
+            RASTKIT_TRY(select(level, shape, size));
         const std::int64_t x = m_tile.width * tx, y = m_tile.height * ty;
         const bool isSmall = size.width < m_tile.width || size.height < m_tile.height;
         if (m_isDecodedHere
             && ((isSmall && (x != 0 || y != 0)) || params.bytesPerPixel % params.numChannels != 0))
             return IMGERR_FORMAT;
-        const MipLevel& shape = params.levels[level];
         if (x < 0 || y < 0 || x >= shape.width || y >= shape.height || x + m_tile.width > INT_MAX
             || y + m_tile.height > INT_MAX)
             return IMGERR_READ;
-        return m_isDecodedHere ? decode(shape, size, std::uint32_t(x), std::uint32_t(y), buffer)
+        return m_isDecodedHere ? decode(level, shape, size, std::uint32_t(x), std::uint32_t(y), buffer)
                                : convert(size, std::uint32_t(x), std::uint32_t(y), buffer);
     }
 
@@ -136,6 +182,7 @@ private:
         chooseFloats();
         m_planes = m_tags.isPlanar() ? m_tags.samples : 1;
         m_planeBytes = TIFFTileSize64(m_file);
+        m_coding = TileCoding::of(m_file, m_tags.compression);
         std::uint64_t bytes = 0;
         if (__builtin_mul_overflow(m_planeBytes, std::uint64_t(m_planes), &bytes))
             return IMGERR_READ;
@@ -169,6 +216,7 @@ private:
         if (m_level == level)
             return IMGERR_NONE;
         m_level = -1;
+        m_isAtCommonCoding = false;
         LevelTags found;
         TiffTags tags;
         if (!TIFFSetDirectory(m_file, tdir_t(level)) || !found.read(m_file)
@@ -181,7 +229,70 @@ private:
         if (m_isDecodedHere && TIFFTileSize64(m_file) > m_planeBytes)
             return IMGERR_READ;
         m_level = level;
+        m_isAtCommonCoding = m_isDecodedHere && m_coding.isPlain() && size == m_tile
+            && TileCoding::of(m_file, tags.compression) == m_coding;
+        if (m_isAtCommonCoding)
+            notePlaces(shape, m_places[level]);
         return IMGERR_NONE;
+    }
+
+    /// Only where each tile is there, and has no more bytes than a tile can need: libtiff is left to say what
+    /// is wrong with others. Nor where memory is refused, since tiles can be read without.
+    void notePlaces(const MipLevel& shape, TilePlaces& level)
+    {
+        level.places.reset();
+        const std::uint64_t count = TIFFNumberOfTiles(m_file), fileBytes = tiffFileBytes(m_file);
+        const std::uint64_t most = std::min(fileBytes, m_planeBytes * 2 + smallTileBytes);
+        if (count != tilesAcross(shape) * tilesDown(shape) * m_planes || count > fileBytes / bytesOfPlace)
+            return;
+        std::unique_ptr<TilePlaces::Place[]> places(new (std::nothrow) TilePlaces::Place[count]);
+        std::uint64_t longest = 0;
+        for (std::uint64_t i = 0; places && i < count; ++i) {
+            const auto tile = std::uint32_t(i);
+            places[i] = { TIFFGetStrileOffset(m_file, tile), TIFFGetStrileByteCount(m_file, tile) };
+            if (places[i].bytes == 0 || places[i].bytes > most)
+                return;
+            longest = std::max(longest, places[i].bytes);
+        }
+        if (places && reserveStored(std::size_t(longest)))
+            level = { shape.width, shape.height, std::move(places) };
+    }
+
+    bool reserveStored(std::size_t bytes)
+    {
+        if (bytes <= m_storedCapacity)
+            return true;
+        PixelMemory larger = allocatePixels(bytes);
+        if (!larger) // The levels before can do with what there is.
+            return false;
+        m_stored = std::move(larger);
+        m_storedCapacity = bytes;
+        return true;
+    }
+
+    std::uint64_t tilesAcross(const MipLevel& shape) const
+    {
+        return (std::uint64_t(shape.width) + std::uint64_t(m_tile.width) - 1) / std::uint64_t(m_tile.width);
+    }
+    std::uint64_t tilesDown(const MipLevel& shape) const
+    {
+        return (std::uint64_t(shape.height) + std::uint64_t(m_tile.height) - 1)
+            / std::uint64_t(m_tile.height);
+    }
+
+    /// Decodes a plane of the tile with the pixel (x, y).
+    bool readPlane(int level, const MipLevel& shape, std::uint32_t x, std::uint32_t y, unsigned plane)
+    {
+        std::uint8_t* const to = m_memory.get() + plane * m_planeBytes;
+        const TilePlaces& known = m_places[level];
+        if (!m_isAtCommonCoding || !known.areKnownOf(shape))
+            return TIFFReadTile(m_file, to, x, y, 0, std::uint16_t(plane)) >= 0;
+        const std::uint64_t tx = x / std::uint64_t(m_tile.width), ty = y / std::uint64_t(m_tile.height);
+        const std::uint64_t row = plane * tilesDown(shape) + ty;
+        const TilePlaces::Place& place = known.places[row * tilesAcross(shape) + tx];
+        return tiffReadAt(m_file, place.offset, m_stored.get(), std::size_t(place.bytes))
+            && TIFFReadFromUserBuffer(
+                m_file, 0, m_stored.get(), tmsize_t(place.bytes), to, tmsize_t(m_planeBytes));
     }
 
     bool areAlike(const TiffTags& tags) const
@@ -192,11 +303,11 @@ private:
     }
 
     ImgErrorCode decode(
-        const MipLevel& shape, TileSize size, std::uint32_t x, std::uint32_t y, ImgBuffer& buffer)
+        int level, const MipLevel& shape, TileSize size, std::uint32_t x, std::uint32_t y, ImgBuffer& buffer)
     {
         std::uint8_t* const memory = m_memory.get();
         for (unsigned plane = 0; plane < m_planes; ++plane)
-            if (TIFFReadTile(m_file, memory + plane * m_planeBytes, x, y, 0, std::uint16_t(plane)) < 0)
+            if (!readPlane(level, shape, x, y, plane))
                 return IMGERR_READ;
         // The whole tile with the overhang, so that its rows are found; what is outside the level is skipped.
         OrientedPixelBuffer target { &buffer, shape.width, shape.height, m_tags.orientation, 1,
@@ -238,6 +349,10 @@ private:
         return IMGERR_NONE;
     }
 
+    static constexpr int mostLevels = 32; ///< countLevels has no more.
+    static constexpr std::uint64_t bytesOfPlace = 6; ///< At least, in the file.
+    static constexpr std::uint64_t smallTileBytes = 4096;
+
     TiffFile m_file;
     TiffTags m_tags; ///< Of the first directory.
     TileSize m_tile { 0, 0 };
@@ -247,6 +362,12 @@ private:
     std::uint64_t m_planeBytes = 0;
     PixelMemory m_memory, m_row;
     int m_level = -1; ///< The directory that the file is at, when it is known and as it should be.
+    TileCoding m_coding; ///< Of the first directory.
+    bool m_isAtCommonCoding
+        = false; ///< Whether the one that the file is at has the same, and as large tiles.
+    TilePlaces m_places[mostLevels];
+    PixelMemory m_stored; ///< A tile as it is in the file.
+    std::size_t m_storedCapacity = 0;
 };
 
 } // namespace

@@ -1,0 +1,348 @@
+#include "rastkit/tiles/texture_record.h"
+
+#include "rastkit/exr/exr_input.h"
+#include "rastkit/tiles.h"
+#include "rastkit/tiles/tile_table.h"
+
+#include <ImfCompression.h>
+#include <ImfPixelType.h>
+#include <ImfThreading.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <strings.h>
+#include <sys/stat.h>
+#include <utility>
+
+namespace QUtils {
+
+namespace {
+
+enum class Format { Unknown, Exr, Tiff };
+
+// --- Which format ----------------------------------------------------------------------------------------
+
+Format formatOfName(const char* fileName)
+{
+    const char* const dot = std::strrchr(fileName, '.');
+    if (dot && strcasecmp(dot, ".exr") == 0)
+        return Format::Exr;
+    if (dot && (strcasecmp(dot, ".tif") == 0 || strcasecmp(dot, ".tiff") == 0))
+        return Format::Tiff;
+    return Format::Unknown;
+}
+
+Format formatOfContents(const char* fileName, ImgErrorCode& error)
+{
+    using namespace std::string_view_literals;
+    const FilePtr file(my_fopen(fileName, "rb"));
+    char bytes[4] = {};
+    error = file ? IMGERR_FORMAT : IMGERR_OPEN;
+    if (!file || std::fread(bytes, 1, sizeof bytes, file) != sizeof bytes)
+        return Format::Unknown;
+    const std::string_view start(bytes, sizeof bytes);
+    if (start == "\x76\x2f\x31\x01"sv)
+        return Format::Exr;
+    for (const std::string_view tiff : { "II*\0"sv, "MM\0*"sv, "II+\0"sv, "MM\0+"sv })
+        if (start == tiff)
+            return Format::Tiff;
+    return Format::Unknown;
+}
+
+/// Pipes and the like, which to open may wait for ever.
+bool isNoRegularFile(const char* fileName)
+{
+    const FileIdentity identity = FileIdentity::of(fileName);
+    return identity.exists && !identity.isRegular;
+}
+
+bool isTexture(const MipMapTileLoaderParams& params)
+{
+    if (!params.isMipmapped || params.numLevels < 1 || params.numLevels >= 1 << TileKey::levelBits
+        || !params.levels || params.tileWidth < 1 || params.tileHeight < 1 || params.numChannels < 1)
+        return false;
+    return std::all_of(params.levels, params.levels + params.numLevels, [](const MipLevel& level) {
+        return level.width > 0 && level.height > 0 && level.tilesX > 0 && level.tilesY > 0;
+    });
+}
+
+template <typename Params, typename Describe>
+DescribedFile describeAs(const char* fileName, bool isExr, Describe describe)
+{
+    DescribedFile file;
+    file.isExr = isExr;
+    std::unique_ptr<Params> params(new (std::nothrow) Params);
+    if (!params) {
+        file.error = IMGERR_MEMORY;
+        return file;
+    }
+    file.error = ImgErrorCode(describe(fileName, *params).code());
+    if (file.error == IMGERR_NONE && !isTexture(*params))
+        file.error = IMGERR_FORMAT;
+    if (file.error == IMGERR_NONE)
+        file.params = std::move(params);
+    return file;
+}
+
+DescribedFile describeAs(const char* fileName, Format format)
+{
+    return format == Format::Exr ? describeAs<EXRTileLoaderParams>(fileName, true, LoadEXRHeaderEx)
+                                 : describeAs<TIFTileLoaderParams>(fileName, false, LoadTIFHeaderEx);
+}
+
+} // namespace
+
+FileIdentity FileIdentity::of(const char* fileName)
+{
+    struct stat status { };
+    if (stat(fileName, &status) != 0)
+        return {};
+    return { true, S_ISREG(status.st_mode), std::uint64_t(status.st_dev), std::uint64_t(status.st_ino),
+        std::uint64_t(status.st_size), std::int64_t(status.st_mtim.tv_sec),
+        std::int64_t(status.st_mtim.tv_nsec) };
+}
+
+DescribedFile describeFile(const char* fileName)
+{
+    const Format expected = formatOfName(fileName);
+    DescribedFile file;
+    if (isNoRegularFile(fileName)) {
+        file.error = expected == Format::Exr ? IMGERR_READ
+            : expected == Format::Tiff       ? IMGERR_OPEN
+                                             : IMGERR_FORMAT;
+        return file;
+    }
+    if (expected != Format::Unknown) {
+        file = describeAs(fileName, expected);
+        if (file.error == IMGERR_NONE || file.error == IMGERR_MEMORY)
+            return file;
+    }
+    ImgErrorCode error = IMGERR_NONE;
+    const Format found = formatOfContents(fileName, error);
+    if (found != Format::Unknown && found != expected)
+        return describeAs(fileName, found);
+    if (expected == Format::Unknown)
+        file.error = error;
+    return file;
+}
+
+std::unique_ptr<MipMapTileLoaderParams> newLoader(
+    const char* fileName, const TextureDescription& description, ImgErrorCode& error)
+{
+    error = IMGERR_NONE;
+    if (!description.isExr) {
+        DescribedFile file = describeAs(fileName, Format::Tiff);
+        if (file.params && !description.isLike(*file.params))
+            file.params.reset();
+        if (file.params)
+            file.params->fileName = fileName;
+        else
+            error = file.error == IMGERR_MEMORY ? IMGERR_MEMORY : IMGERR_READ;
+        return std::move(file.params);
+    }
+    // The loader compares the file with these fields itself.
+    std::unique_ptr<MipMapTileLoaderParams> params(new (std::nothrow) EXRTileLoaderParams);
+    if (!params) {
+        error = IMGERR_MEMORY;
+        return nullptr;
+    }
+    static_cast<IMGINFO&>(*params) = description.info;
+    params->fileName = fileName;
+    params->tileWidth = description.tileWidth;
+    params->tileHeight = description.tileHeight;
+    params->isMipmapped = 1;
+    return params;
+}
+
+// --- Descriptions ----------------------------------------------------------------------------------------
+
+void FreeDescription::operator()(TextureDescription* description) const
+{
+    // One by one: a long chain must not be freed recursively.
+    while (description) {
+        TextureDescription* const older = description->older.release();
+        description->~TextureDescription();
+        std::free(description);
+        description = older;
+    }
+}
+
+std::uint64_t TextureDescription::bytesFor(int levelCount)
+{
+    return heapBytes(sizeof(TextureDescription) + std::uint64_t(levelCount) * sizeof(Level));
+}
+
+DescriptionPointer TextureDescription::make(
+    const MipMapTileLoaderParams& params, bool isExr, const FileNeeds& needs)
+{
+    const auto count = std::size_t(params.numLevels);
+    void* const block = std::malloc(sizeof(TextureDescription) + count * sizeof(Level));
+    if (!block)
+        return nullptr;
+    DescriptionPointer made(new (block) TextureDescription);
+    made->isExr = isExr;
+    made->needs = needs;
+    made->info = static_cast<const IMGINFO&>(params);
+    made->tileWidth = params.tileWidth;
+    made->tileHeight = params.tileHeight;
+    made->levelCount = params.numLevels;
+    made->levels = reinterpret_cast<Level*>(made.get() + 1);
+    for (std::size_t i = 0; i < count; ++i) {
+        const MipLevel& shape = params.levels[i];
+        new (made->levels + i) Level { shape, -std::log2(float(std::max(shape.width, shape.height))) };
+    }
+    return made;
+}
+
+const TextureDescription* TextureDescription::failed(ImgErrorCode error)
+{
+    static const auto descriptions = [] {
+        std::array<TextureDescription, IMGERR_WRITE + 1> made;
+        for (std::size_t i = 0; i < made.size(); ++i)
+            made[i].error = ImgErrorCode(i);
+        return made;
+    }();
+    return &descriptions[std::min(std::size_t(error), descriptions.size() - 1)];
+}
+
+bool TextureDescription::isLike(const MipMapTileLoaderParams& params) const
+{
+    if (params.tileWidth != tileWidth || params.tileHeight != tileHeight || params.numLevels != levelCount
+        || params.numChannels != info.numChannels || params.bitsPerPixel != info.bitsPerPixel)
+        return false;
+    return std::equal(levels, levels + levelCount, params.levels, [](const Level& a, const MipLevel& b) {
+        return a.shape.width == b.width && a.shape.height == b.height && a.shape.tilesX == b.tilesX
+            && a.shape.tilesY == b.tilesY;
+    });
+}
+
+bool TextureDescription::isLike(const TextureDescription& other) const
+{
+    if (isExr != other.isExr || !(needs == other.needs) || levelCount != other.levelCount
+        || tileWidth != other.tileWidth || tileHeight != other.tileHeight
+        || std::memcmp(&info, &other.info, sizeof info) != 0)
+        return false;
+    return std::memcmp(levels, other.levels, std::size_t(levelCount) * sizeof(Level)) == 0;
+}
+
+bool TextureDescription::hasTile(int tx, int ty, int level) const
+{
+    if (level < 0 || level >= levelCount || tx < 0 || ty < 0)
+        return false;
+    // The level may begin tiles that it does not say: the loader knows only its tile size.
+    const MipLevel& shape = levels[level].shape;
+    return tx < shape.tilesX && ty < shape.tilesY && std::int64_t(tx) * tileWidth < shape.width
+        && std::int64_t(ty) * tileHeight < shape.height;
+}
+
+// --- What reading takes ----------------------------------------------------------------------------------
+
+namespace {
+
+// Measured with OpenEXR 3.1 and libtiff 4.5, and rounded up.
+/// Read ahead by our own streams.
+constexpr std::uint64_t exrAheadBytes = ExrInput::smallBlock, tiffAheadBytes = std::uint64_t(256) << 10;
+constexpr std::uint64_t exrHandleBytes = std::uint64_t(48) << 10; ///< With its header.
+constexpr std::uint64_t tiffHandleBytes = std::uint64_t(96) << 10; ///< And the state of its decompressor.
+constexpr std::uint64_t pizBytes = std::uint64_t(208) << 10; ///< Tables of a code, and of values.
+constexpr std::uint64_t dwaBytes = std::uint64_t(832) << 10;
+/// OpenEXR keeps 8 bytes for each tile; libtiff 16, and as many again while it reads them.
+constexpr std::uint64_t tileOffsetBytes = 32;
+
+/// Sizes are cut to what nobody has room for, so that no sum wraps round.
+constexpr std::uint64_t mostPixels = std::uint64_t(1) << 40;
+
+/// Each buffer of OpenEXR is a tile as stored, and two in the compressor.
+std::uint64_t exrBufferBytes(std::uint64_t tileBytes)
+{
+    return 3 * tileBytes * std::uint64_t(std::max(1, 2 * Imf::globalThreadCount()));
+}
+
+/// The value of an attribute in the first bytes of an OpenEXR file: of one whose name, type and size are
+/// `start`. Null when it is not there.
+const char* findAttribute(std::string_view bytes, std::string_view start, std::size_t size)
+{
+    const std::size_t found = bytes.find(start);
+    const bool isThere = found != std::string_view::npos && found + start.size() + size <= bytes.size();
+    return isThere ? bytes.data() + found + start.size() : nullptr;
+}
+
+std::uint64_t decompressorBytesOf(std::string_view bytes)
+{
+    using namespace std::string_view_literals;
+    const char* const compression = findAttribute(bytes, "compression\0compression\0\1\0\0\0"sv, 1);
+    if (!compression || *compression == Imf::DWAA_COMPRESSION || *compression == Imf::DWAB_COMPRESSION)
+        return dwaBytes;
+    return *compression == Imf::PIZ_COMPRESSION ? pizBytes : 0;
+}
+
+/// Of all channels: each has a name, its type, and twelve bytes more.
+std::uint64_t pixelBytesOf(std::string_view bytes)
+{
+    using namespace std::string_view_literals;
+    constexpr std::uint64_t usual = 16;
+    constexpr std::size_t channelBytes = 16;
+    constexpr std::string_view start = "channels\0chlist\0"sv;
+    std::size_t at = bytes.find(start);
+    if (at == std::string_view::npos)
+        return usual;
+    std::uint64_t sum = 0;
+    for (at += start.size() + sizeof(std::uint32_t); at < bytes.size() && bytes[at] != 0;) {
+        const std::size_t end = bytes.find('\0', at);
+        if (end == std::string_view::npos || end + 1 + channelBytes > bytes.size())
+            return std::max(sum, usual);
+        sum += bytes[end + 1] == Imf::HALF ? sizeof(std::uint16_t) : sizeof(float);
+        at = end + 1 + channelBytes;
+    }
+    return sum;
+}
+
+} // namespace
+
+FileNeeds FileNeeds::of(const char* fileName)
+{
+    using namespace std::string_view_literals;
+    char start[4096];
+    const FilePtr file(isNoRegularFile(fileName) ? nullptr : my_fopen(fileName, "rb"));
+    if (!file) // Perhaps for want of memory: the worst is taken.
+        return { exrAheadBytes + exrHandleBytes, dwaBytes, 16 };
+    const std::string_view bytes(start, std::fread(start, 1, sizeof start, file));
+    if (bytes.substr(0, 4) != "\x76\x2f\x31\x01"sv)
+        return { tiffAheadBytes + tiffHandleBytes, 0, 0 };
+    FileNeeds needs { exrAheadBytes + exrHandleBytes, decompressorBytesOf(bytes), pixelBytesOf(bytes) };
+    needs.describingBytes += std::min(needs.decompressorBytes, pizBytes); // Others take theirs later.
+    constexpr std::size_t sizeBytes = sizeof(std::uint32_t);
+    if (const char* const tiles = findAttribute(bytes, "tiles\0tiledesc\0\x09\0\0\0"sv, 2 * sizeBytes)) {
+        std::uint32_t width = 0, height = 0;
+        std::memcpy(&width, tiles, sizeBytes);
+        std::memcpy(&height, tiles + sizeBytes, sizeBytes);
+        needs.describingBytes
+            += exrBufferBytes(std::min(mostPixels, std::uint64_t(width) * height) * needs.pixelBytes);
+    }
+    return needs;
+}
+
+std::uint64_t TextureDescription::loaderBytes() const
+{
+    std::uint64_t tiles = 0;
+    for (int i = 0; i < levelCount; ++i)
+        tiles += std::min(
+            mostPixels, std::uint64_t(levels[i].shape.tilesX) * std::uint64_t(levels[i].shape.tilesY));
+    const std::uint64_t pixels = std::min(mostPixels, std::uint64_t(tileWidth) * std::uint64_t(tileHeight));
+    const std::uint64_t stored
+        = pixels * (isExr ? needs.pixelBytes : std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8);
+    const std::uint64_t row = std::uint64_t(tileWidth) * 4 * sizeof(float);
+    const std::uint64_t all = tiles * tileOffsetBytes + row + needs.decompressorBytes;
+    if (!isExr)
+        return all + tiffAheadBytes + tiffHandleBytes + 2 * stored; // Compressed, and decoded.
+    const std::uint64_t own = pixels * 4 * (info.bitsPerPixel / info.numChannels > 16 ? 4 : 2);
+    return all + exrAheadBytes + exrHandleBytes + exrBufferBytes(stored) + own;
+}
+
+} // namespace QUtils

@@ -1,0 +1,178 @@
+#include "tools/commands.h"
+#include "tools/content_hash.h"
+#include "tools/input.h"
+#include "tools/json.h"
+#include "tools/messages.h"
+#include "tools/output.h"
+#include "tools/progress.h"
+#include "tools/tex_options.h"
+#include "tools/threads.h"
+
+#include "rastkit/image/image_comment.h"
+#include "rastkit/image/standard_load.h"
+
+#include <cerrno>
+#include <iostream>
+#include <memory>
+
+namespace tool {
+
+namespace {
+
+using QUtils::TextureSettings;
+using QUtils::TextureWriter;
+
+constexpr const char* cannotRead = "cannot be read";
+constexpr const char* cannotWrite = "cannot be written";
+
+/// Hands an image on to the texture, and shows how far it is.
+class TextureSink : public QUtils::ImgRowBuffer {
+public:
+    TextureSink(TextureWriter& texture, const std::string& label) : m_texture(texture), m_progress(label) { }
+
+    void init(int width, int height) override
+    {
+        m_width = width;
+        m_height = height;
+        m_done = 0;
+        m_texture.init(width, height);
+        m_isRefused = m_texture.isValid() == 0;
+    }
+    int isValid() override { return m_texture.isValid(); }
+    void freeMem() override { m_texture.freeMem(); }
+    void setPixelF(int x, int y, const float* rgba) override { setRowF(x, y, 1, rgba); }
+    void setPixel(int x, int y, unsigned int argb) override { setRow(x, y, 1, &argb); }
+    void setRow(int x, int y, int count, const unsigned int* argb) override
+    {
+        m_texture.setRow(x, y, count, argb);
+        advance(count);
+    }
+    void setRowF(int x, int y, int count, const float* rgba) override
+    {
+        m_texture.setRowF(x, y, count, rgba);
+        advance(count);
+    }
+
+    /// Whether the texture could not even be begun, whose reason it knows.
+    bool isRefused() const { return m_isRefused; }
+    int width() const { return m_width; }
+    int height() const { return m_height; }
+
+private:
+    void advance(int count)
+    {
+        m_done += std::uint64_t(count);
+        m_progress.update(m_done, std::uint64_t(m_width) * std::uint64_t(m_height));
+    }
+
+    TextureWriter& m_texture;
+    Progress m_progress;
+    int m_width = 0, m_height = 0;
+    std::uint64_t m_done = 0;
+    bool m_isRefused = false;
+};
+
+/// What was made of what.
+struct Outcome {
+    TextureSettings settings;
+    std::string hash;
+    int width = 0, height = 0;
+    bool isWritten = false;
+};
+
+Json toJson(const TexOptions& options, const Outcome& outcome)
+{
+    Json json { { "in", options.in }, { "out", options.out }, { "written", outcome.isWritten },
+        { "sha1", outcome.hash }, { "settings", describeSettings(outcome.settings) } };
+    if (outcome.isWritten) {
+        json["width"] = outcome.width;
+        json["height"] = outcome.height;
+    }
+    json["channels"] = outcome.settings.channels;
+    json["sample"] = nameOf(outcome.settings.sample);
+    return json;
+}
+
+/// Looks at the source, and chooses the settings. An ExitCode.
+int prepare(const TexOptions& options, Outcome& outcome)
+{
+    if (const InputFile file = examineInput(options.in); !file.obstacle.empty()) {
+        reportFailure(options.in, cannotRead, file.obstacle);
+        return EXIT_FILE;
+    }
+    QUtils::SourcePixels source;
+    if (const ImgError error = QUtils::describeSourcePixels(options.in.c_str(), source);
+        error.code() != IMGERR_NONE) {
+        reportFailure(options.in, cannotRead, inWords(error));
+        return EXIT_FILE;
+    }
+    if (const std::string obstacle = options.resolve(source, outcome.settings); !obstacle.empty()) {
+        reportFailure(options.out, cannotWrite, obstacle);
+        return EXIT_USAGE;
+    }
+    std::string obstacle;
+    outcome.hash = hashFile(options.in, obstacle);
+    if (!obstacle.empty())
+        reportFailure(options.in, cannotRead, obstacle);
+    return obstacle.empty() ? EXIT_DONE : EXIT_FILE;
+}
+
+/// Reads the source into a file of that name. Why that failed, with `isRead` saying which of both it was;
+/// empty when it did not.
+std::string make(const TexOptions& options, const std::string& name, Outcome& outcome, bool& isRead)
+{
+    TextureWriter texture(name.c_str(), outcome.settings);
+    TextureSink sink(texture, options.out);
+    const ImgError read = QUtils::loadStandard(options.in.c_str(), sink, nullptr);
+    isRead = read.code() == IMGERR_NONE || sink.isRefused();
+    if (!isRead)
+        return inWords(read);
+    errno = 0;
+    const ImgError written = texture.finish();
+    outcome.width = sink.width();
+    outcome.height = sink.height();
+    return written.code() == IMGERR_NONE ? std::string() : writeReason(written, errno);
+}
+
+/// An ExitCode.
+int write(const TexOptions& options, Outcome& outcome, const std::string& comment)
+{
+    outcome.settings.comment = comment.c_str();
+    useThreads(options.threads);
+    bool isRead = true;
+    const std::string obstacle = writeAtomically(options.out, options.sync,
+        [&](const std::string& name) { return make(options, name, outcome, isRead); });
+    outcome.settings.comment = nullptr;
+    outcome.isWritten = obstacle.empty();
+    if (!obstacle.empty())
+        reportFailure(isRead ? options.out : options.in, isRead ? cannotWrite : cannotRead, obstacle);
+    return obstacle.empty() ? EXIT_DONE : EXIT_FILE;
+}
+
+int tex(const TexOptions& options)
+{
+    Outcome outcome;
+    if (const int exitCode = prepare(options, outcome); exitCode != EXIT_DONE)
+        return exitCode;
+    const std::string comment = describeSettings(outcome.settings) + " SHA-1=" + outcome.hash;
+    const bool isUpToDate = options.update && QUtils::readImageComment(options.out.c_str()) == comment;
+    const int exitCode = isUpToDate ? int(EXIT_DONE) : write(options, outcome, comment);
+    if (exitCode != EXIT_DONE)
+        return exitCode;
+    if (options.json)
+        printJson(toJson(options, outcome));
+    else if (options.update)
+        std::cout << options.out << (isUpToDate ? ": up to date\n" : ": written\n");
+    return EXIT_DONE;
+}
+
+} // namespace
+
+Action addTex(CLI::App& command)
+{
+    const auto options = std::make_shared<TexOptions>();
+    options->declare(command);
+    return [options] { return tex(*options); };
+}
+
+} // namespace tool

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "rastkit/image/source_pixels.h"
+#include "rastkit/texture_writer.h"
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+
+namespace tool {
+
+/// The options of `rastkit tex` as they were typed; empty ones were not.
+struct TexOptions {
+    std::string in, out, tile = "64", filter = "box", wrap = "clamp", colour, sample, compression;
+    float dwaLevel = 45;
+    int threads = 0;
+    bool toLinear = false, update = false, json = false, sync = false;
+
+    void declare(CLI::App& command);
+    /// Settings for a source of such pixels, without threads and comment. Why they are wrong; empty when
+    /// they are not.
+    std::string resolve(const QUtils::SourcePixels& source, QUtils::TextureSettings& settings) const;
+};
+
+/// All that decides what is in the file, as the text that is written into it in front of the source's hash.
+std::string describeSettings(const QUtils::TextureSettings& settings);
+
+/// As it is typed: "half", "float", "8", "16".
+const char* nameOf(QUtils::TextureSample sample);
+
+} // namespace tool
