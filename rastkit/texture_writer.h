@@ -13,7 +13,8 @@ inline namespace RASTKIT_ABI {
 /// 6 or 4 pixels of the smaller level.
 enum class MipFilter : std::uint8_t { Box, Triangle, Lanczos3, Mitchell };
 
-/// What a texture's file keeps of a sample. TIFF has no Half.
+/// What a texture's file keeps of a sample. TIFF has no Half. What is beyond 65504 either way, infinities
+/// too, is 65504 in Half.
 enum class TextureSample : std::uint8_t { Byte, Short, Half, Float };
 
 /// OpenEXR has None, Zip (16 rows), Piz and Dwaa; TIFF has None, Zip (deflate with a predictor) and Lzw

@@ -47,9 +47,26 @@ void pickPacked(const unsigned int* argb, std::uint8_t* bytes, std::size_t pixel
 using PickPacked = void (*)(const unsigned int* argb, std::uint8_t* bytes, std::size_t pixels);
 constexpr PickPacked tablePickPacked[] = { pickPacked<1>, pickPacked<2>, pickPacked<3>, pickPacked<4> };
 
+/// What halfs reach: beyond are infinities, which filters would turn into NaN. NaN stays.
+float clampToHalf(float value)
+{
+    constexpr float most = 65504.0f;
+    return value > most ? most : value < -most ? -most : value;
+}
+
 float clampToUnit(float value)
 {
     return value > 0 ? std::min(value, 1.0f) : 0.0f; // NaN 0.
+}
+
+void storeHalfs(const float* samples, std::uint16_t* stored, std::size_t count)
+{
+    inBlocks(count, [&](std::size_t first, std::size_t block) {
+        float clamped[blockPixels];
+        for (std::size_t i = 0; i < block; ++i)
+            clamped[i] = clampToHalf(samples[first + i]);
+        pixelKernels().floatToHalf(clamped, stored + first, block);
+    });
 }
 
 } // namespace
@@ -138,7 +155,7 @@ void TexelCodec::storeSamples(const float* samples, std::uint8_t* stored, std::s
     switch (m_sample) {
     case TextureSample::Byte: kernels.floatToByte(samples, stored, count); break;
     case TextureSample::Short: kernels.floatToUInt16(samples, as<std::uint16_t>(stored), count); break;
-    case TextureSample::Half: kernels.floatToHalf(samples, as<std::uint16_t>(stored), count); break;
+    case TextureSample::Half: storeHalfs(samples, as<std::uint16_t>(stored), count); break;
     case TextureSample::Float: std::memcpy(stored, samples, count * sizeof(float)); break;
     }
 }
