@@ -34,6 +34,9 @@ struct TextureSettings {
     /// Colour has the transfer curve of sRGB: filtered in linear light, stored as it came.
     bool isSrgb = false;
     bool makeLinear = false; ///< Of such a texture: stored in linear light.
+    /// Colour comes as it is where alpha is 1 and is multiplied by alpha, in linear light, as it is taken.
+    /// Without this it is taken as multiplied. Means nothing without alpha.
+    bool multiplyAlpha = false;
     /// That compress beside the caller's, at most 256; 0: as many as OpenEXR is set to use; negative: none.
     /// The file is the same.
     int threads = 0;

@@ -28,6 +28,11 @@ constexpr Named<MipFilter> tableFilters[] = { { "box", MipFilter::Box }, { "tria
 constexpr Named<TextureWrap> tableWraps[]
     = { { "clamp", TextureWrap::Clamp }, { "periodic", TextureWrap::Periodic },
           { "mirror", TextureWrap::Mirror }, { "black", TextureWrap::Black } };
+/// What the source's alpha is.
+enum class Alpha { Auto, Straight, Premultiplied, Ignored };
+
+constexpr Named<Alpha> tableAlphas[] = { { "auto", Alpha::Auto }, { "straight", Alpha::Straight },
+    { "premultiplied", Alpha::Premultiplied }, { "ignore", Alpha::Ignored } };
 constexpr Named<TextureSample> tableSamples[] = { { "8", TextureSample::Byte },
     { "16", TextureSample::Short }, { "half", TextureSample::Half }, { "float", TextureSample::Float } };
 constexpr Named<TextureCompression> tableCompressions[]
@@ -146,6 +151,12 @@ void TexOptions::declare(CLI::App& command)
     command.add_option("--colour,--color", colour,
         "what the source's colour is, srgb or linear (without it: srgb for whole numbers of up to 16 bits)");
     command.add_flag("--to-linear", toLinear, "store sRGB colour in linear light");
+    command
+        .add_option("--alpha", alpha,
+            "what the source's alpha is: " + listOf(tableAlphas)
+                + " (auto: straight for PNG, TGA, BMP, PSD and DDS; straight colour is multiplied by alpha, and "
+                  "what is ignored is not written)")
+        ->capture_default_str();
     command.add_option("--sample", sample,
         "stored samples: " + listOf(tableSamples) + " (without it: what holds the source's)");
     command.add_option(
@@ -182,8 +193,17 @@ std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSetti
         return "--compression takes one of " + listOf(tableCompressions);
     if (!colour.empty() && colour != "srgb" && colour != "linear")
         return "--colour takes srgb or linear";
+    Alpha how = Alpha::Auto;
+    if (!find(tableAlphas, alpha, how))
+        return "--alpha takes one of " + listOf(tableAlphas);
+    settings.channels = source.channels;
+    if (how == Alpha::Ignored && source.channels % 2 == 0)
+        --settings.channels;
     // The tile loader has grey with alpha from TIFF in 8 bits only.
-    settings.channels = target == Target::Tiff && source.channels == 2 ? 4 : source.channels;
+    if (target == Target::Tiff && settings.channels == 2)
+        settings.channels = 4;
+    settings.multiplyAlpha = settings.channels % 2 == 0
+        && (how == Alpha::Straight || (how == Alpha::Auto && source.isStraight));
     settings.isSrgb = colour.empty() ? source.isInteger() : colour == "srgb";
     settings.makeLinear = toLinear;
     settings.dwaLevel = dwaLevel;
@@ -199,6 +219,7 @@ std::string describeSettings(const TextureSettings& settings)
          << " filter=" << nameIn(tableFilters, settings.filter)
          << " wrap=" << nameIn(tableWraps, settings.wrapX) << ',' << nameIn(tableWraps, settings.wrapY)
          << " colour=" << (settings.isSrgb ? settings.makeLinear ? "srgb-to-linear" : "srgb" : "linear")
+         << " alpha=" << (settings.channels % 2 != 0 ? "none" : settings.multiplyAlpha ? "straight" : "premultiplied")
          << " compression=" << nameIn(tableCompressions, settings.compression);
     if (settings.compression == TextureCompression::Dwaa)
         text << " dwa-level=" << settings.dwaLevel;

@@ -71,11 +71,13 @@ void storeHalfs(const float* samples, std::uint16_t* stored, std::size_t count)
 
 } // namespace
 
-TexelCodec::TexelCodec(const TextureLayout& layout, bool isSrgb, bool makeLinear)
+TexelCodec::TexelCodec(const TextureLayout& layout, const TextureSettings& settings)
     : m_channels(std::size_t(layout.channels)), m_colours(std::size_t(layout.colours())),
-      m_sample(layout.sample), m_isCurved(isSrgb && !makeLinear), m_decodes(isSrgb && makeLinear)
+      m_sample(layout.sample), m_isCurved(settings.isSrgb && !settings.makeLinear),
+      m_decodes(settings.isSrgb && settings.makeLinear),
+      m_multiplies(settings.multiplyAlpha && layout.hasAlpha())
 {
-    if (isSrgb)
+    if (settings.isSrgb)
         for (int byte = 0; byte < 256; ++byte)
             m_byteLight.push_back(float(decodeSrgb(byte / 255.0)));
     if (!m_isCurved)
@@ -99,7 +101,7 @@ TexelCodec::TexelCodec(const TextureLayout& layout, bool isSrgb, bool makeLinear
 
 void TexelCodec::store(const unsigned int* argb, std::uint8_t* stored, std::size_t pixels) const
 {
-    if (m_sample == TextureSample::Byte && !m_decodes) {
+    if (m_sample == TextureSample::Byte && !m_decodes && !m_multiplies) {
         tablePickPacked[m_channels - 1](argb, stored, pixels);
         return;
     }
@@ -112,6 +114,8 @@ void TexelCodec::store(const unsigned int* argb, std::uint8_t* stored, std::size
             for (std::size_t i = 0; i < count * m_channels; ++i)
                 if (i % m_channels < m_colours)
                     samples[i] = m_byteLight[bytes[i]];
+        if (m_multiplies)
+            multiply(samples, count);
         storeSamples(samples, stored + first * m_channels * bytesOf(m_sample), count * m_channels);
     });
 }
@@ -123,6 +127,8 @@ void TexelCodec::store(const float* rgba, std::uint8_t* stored, std::size_t pixe
         pick(rgba + first * 4, samples, count);
         if (m_decodes)
             bend(samples, count, decodeSrgb);
+        if (m_multiplies)
+            multiply(samples, count);
         storeSamples(samples, stored + first * m_channels * bytesOf(m_sample), count * m_channels);
     });
 }
@@ -146,6 +152,20 @@ void TexelCodec::pick(const float* rgba, float* samples, std::size_t pixels) con
                 samples[i * 3 + c] = rgba[i * 4 + c];
         break;
     default: std::copy_n(rgba, pixels * 4, samples); break;
+    }
+}
+
+/// Multiplies colours by alpha. Opaque pixels stay as they are, to the bit.
+void TexelCodec::multiply(float* samples, std::size_t pixels) const
+{
+    for (std::size_t i = 0; i < pixels; ++i, samples += m_channels) {
+        const float alpha = samples[m_colours];
+        if (alpha == 1)
+            continue;
+        for (std::size_t c = 0; c < m_colours; ++c)
+            samples[c] = m_isCurved && alpha != 0
+                ? float(encodeSrgb(decodeSrgb(double(samples[c])) * double(alpha)))
+                : samples[c] * alpha;
     }
 }
 

@@ -87,7 +87,7 @@ bool TextureImage::fits(int width, int height, const TextureSettings& settings)
 TextureImage::TextureImage(int width, int height, TextureFormat format, const TextureSettings& settings,
     const std::string& comment, int threads)
     : m_layout(layoutOf(width, height, settings, format)),
-      m_codec(m_layout, settings.isSrgb, settings.makeLinear), m_findsRange(format == TextureFormat::Exr),
+      m_codec(m_layout, settings), m_findsRange(format == TextureFormat::Exr),
       m_isCurved(settings.isSrgb && !settings.makeLinear), m_range(settings.channels),
       m_file(makeFile(m_layout, format, settings, comment)), m_queue(*m_file, m_layout, threads),
       m_rows(m_layout, m_queue), m_parts(width, height),

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -77,6 +78,52 @@ TEST_F(TextureLimits, HalfsBeyondTheirRangeStayFiniteInAllLevels)
         std::fill_n(rgba, 4, x == 0 ? std::numeric_limits<float>::quiet_NaN() : 1.0f);
     });
     EXPECT_TRUE(std::isnan(readLevels(m_exr)[0].at(0, 0, 0)));
+}
+
+TEST_F(TextureLimits, StraightColourIsMultipliedByAlphaBeforeItIsFiltered)
+{
+    // Left of each pair what cannot be seen, which must not shine into the level below.
+    const auto pixel = [](int x, int, float* rgba) {
+        const float visible[] = { 1, 0.5f, 0.25f, 1 }, hidden[] = { 0, 1, 0, 0 }, half[] = { 1, 0.5f, 0, 0.5f };
+        std::copy_n(x > 1 ? half : x == 1 ? visible : hidden, 4, rgba);
+    };
+    for (const std::string& name : { m_exr, m_tif })
+        for (const int channels : { 2, 4 }) {
+            if (name == m_tif && channels == 2)
+                continue;
+            TextureSettings settings = settingsOf(TextureSample::Float, channels);
+            settings.multiplyAlpha = true;
+            write(name, settings, 4, 2, pixel);
+            const std::vector<Plane> levels = readLevels(name);
+            EXPECT_EQ(levels[0].at(1, 0, 0), 1);
+            EXPECT_EQ(levels[0].at(2, 0, 0), 0.5);
+            EXPECT_EQ(levels[1].at(0, 0, 1), channels == 2 ? 0.5 : 0.25);
+            EXPECT_EQ(levels[1].at(0, 0, 3), 0.5);
+            EXPECT_EQ(levels[1].at(1, 0, 0), 0.5);
+        }
+}
+
+TEST_F(TextureLimits, AlphaIsMultipliedIntoColourInLinearLight)
+{
+    const auto bytes = [this](const TextureSettings& settings) {
+        TextureWriter writer(m_tif.c_str(), settings);
+        writer.init(2, 1);
+        const unsigned row[] = { 0x80FF8040, 0xFFFF8040 };
+        writer.setRow(0, 0, 2, row);
+        EXPECT_EQ(writer.finish().code(), IMGERR_NONE);
+        const Plane level = readLevels(m_tif)[0];
+        return std::vector<long>(
+            { std::lround(level.at(0, 0, 0) * 255), std::lround(level.at(0, 0, 1) * 255),
+                std::lround(level.at(0, 0, 3) * 255), std::lround(level.at(1, 0, 0) * 255),
+                std::lround(level.at(1, 0, 1) * 255), std::lround(level.at(1, 0, 2) * 255) });
+    };
+    TextureSettings settings = settingsOf(TextureSample::Byte, 4);
+    settings.multiplyAlpha = true;
+    EXPECT_EQ(bytes(settings), (std::vector<long> { 128, 64, 128, 255, 128, 64 }));
+    settings.isSrgb = true; // 128 of 255 of the light of 255 and of 128.
+    EXPECT_EQ(bytes(settings), (std::vector<long> { 188, 93, 128, 255, 128, 64 }));
+    settings.channels = 3;
+    EXPECT_EQ(bytes(settings)[0], 255);
 }
 
 } // namespace

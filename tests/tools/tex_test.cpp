@@ -142,6 +142,36 @@ TEST_F(ToolTex, AlphaIsThereWhenTheSourceHasIt)
     EXPECT_EQ(std::lround(readLevels(m_tif)[0].at(0, 0, 3) * 255), 0x80);
 }
 
+TEST_F(ToolTex, StraightAlphaIsMultipliedIntoColour)
+{
+    TgaBytes tga;
+    tga.width = 2;
+    tga.pixelBits = 32;
+    tga.descriptor = 0x28;
+    tga.pixels = { 0, 255, 0, 0, 255, 255, 255, 255 }; // Green that cannot be seen, and white.
+    const std::string in = make("in.tga", tga.bytes());
+    const auto greenOf = [&](const Arguments& options) {
+        EXPECT_EQ(tex(in, m_tif, options).exitCode, 0);
+        return std::lround(readLevels(m_tif)[1].at(0, 0, 1) * 255);
+    };
+    EXPECT_EQ(greenOf({}), 188);
+    EXPECT_EQ(greenOf({ "--alpha", "straight" }), 188);
+    EXPECT_EQ(greenOf({ "--alpha", "premultiplied" }), 255);
+    EXPECT_EQ(describeTexture(m_tif)->numChannels, 4);
+    EXPECT_EQ(tex(in, m_tif, { "--update", "--alpha", "straight" }).out, m_tif + ": written\n");
+    EXPECT_EQ(tex(in, m_tif, { "--update" }).out, m_tif + ": up to date\n");
+    EXPECT_EQ(greenOf({ "--alpha", "ignore" }), 255);
+    EXPECT_EQ(describeTexture(m_tif)->numChannels, 3);
+
+    SgiBytes sgi; // Of others colour is multiplied already.
+    sgi.channels = 2;
+    sgi.data = { 100, 50 };
+    ASSERT_EQ(tex(make("in.sgi", sgi.bytes()), m_tif).exitCode, 0);
+    EXPECT_EQ(std::lround(readLevels(m_tif)[0].at(0, 0, 0) * 255), 100);
+    ASSERT_EQ(tex(m_dir / "in.sgi", m_tif, { "--alpha", "ignore" }).exitCode, 0);
+    EXPECT_EQ(describeTexture(m_tif)->numChannels, 1);
+}
+
 TEST_F(ToolTex, GreyWithAlphaIsWhatTheLoadersReadExactly)
 {
     SgiBytes sgi;
@@ -269,6 +299,7 @@ TEST_F(ToolTex, WhatTheFormatDoesNotHaveIsWrongUsage)
         { "a.tif", { "--compression", "dwaa" } }, { "a.exr", { "--compression", "lzw" } },
         { "a.exr", { "--compression", "gzip" } }, { "a.exr", { "--filter", "sinc" } },
         { "a.exr", { "--wrap", "clamp,never" } }, { "a.exr", { "--colour", "adobe" } },
+        { "a.exr", { "--alpha", "maybe" } },
         { "a.exr", { "--dwa-level", "-1" } }, { "a.exr", { "--threads", "0" } } };
     for (const auto& [out, options] : cases) {
         const ProgramResult result = tex(in, m_dir / out, options);
