@@ -21,11 +21,15 @@ bool isTileSize(int size, TextureFormat format)
 }
 
 /// A level that is within one tile has that as small as TIFF takes it; not the largest level, since its tiles
-/// say what is one.
+/// say what is one. Tiles of OpenEXR are no larger than the largest level: readers take memory for whole ones.
 TextureLevel levelOf(int number, int width, int height, const TextureSettings& settings, TextureFormat format)
 {
     TextureLevel level { MipPyramid::sizeAt(number, width), MipPyramid::sizeAt(number, height),
         settings.tileWidth, settings.tileHeight };
+    if (format == TextureFormat::Exr) {
+        level.tileWidth = std::min(level.tileWidth, width);
+        level.tileHeight = std::min(level.tileHeight, height);
+    }
     const bool isOneTile = level.width <= level.tileWidth && level.height <= level.tileHeight;
     if (format == TextureFormat::Tiff && number > 0 && isOneTile) {
         level.tileWidth = (level.width + tiffTileStep - 1) / tiffTileStep * tiffTileStep;

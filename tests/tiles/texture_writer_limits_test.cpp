@@ -126,4 +126,24 @@ TEST_F(TextureLimits, AlphaIsMultipliedIntoColourInLinearLight)
     EXPECT_EQ(bytes(settings)[0], 255);
 }
 
+TEST_F(TextureLimits, TilesLargerThanTheImageAreReadAgain)
+{
+    const std::pair<int, int> sizes[] = { { 4, 4 }, { 100, 3 }, { 1, 1 } };
+    for (const auto& [width, height] : sizes)
+        for (const std::string& name : { m_exr, m_tif }) {
+            TextureSettings settings = settingsOf(TextureSample::Float, 4);
+            settings.tileWidth = settings.tileHeight = name == m_exr ? 4096 : 256;
+            write(name, settings, width, height, [](int x, int y, float* rgba) {
+                std::fill_n(rgba, 4, float(x * 7 + y));
+            });
+            const std::vector<Plane> levels = readLevels(name);
+            EXPECT_EQ(levels[0].at(width - 1, height - 1, 2), width * 7 - 7 + height - 1);
+            EXPECT_EQ(levels.back().width * levels.back().height, 1);
+            if (name == m_exr) {
+                EXPECT_EQ(describeTexture(name)->tileWidth, width);
+                EXPECT_EQ(describeTexture(name)->tileHeight, height);
+            }
+        }
+}
+
 } // namespace

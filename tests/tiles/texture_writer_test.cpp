@@ -494,7 +494,7 @@ TEST_F(TextureWriting, OpenExrsOwnClassesReadTheFile)
     TextureSettings settings = settingsOf(TextureSample::Half, 2);
     settings.wrapX = TextureWrap::Periodic;
     settings.comment = "a comment";
-    write(m_exr, settings, 50, 20);
+    write(m_exr, settings, 50, 40);
     Imf::TiledInputFile file(m_exr.c_str());
     const Imf::Header& header = file.header();
     EXPECT_EQ(file.levelMode(), Imf::MIPMAP_LEVELS);
@@ -506,8 +506,8 @@ TEST_F(TextureWriting, OpenExrsOwnClassesReadTheFile)
     EXPECT_EQ(header.compression(), Imf::ZIP_COMPRESSION);
     EXPECT_EQ(Imf::comments(header), "a comment");
     EXPECT_EQ(header.typedAttribute<Imf::StringAttribute>("wrapmodes").value(), "periodic,clamp");
-    const Plane picture = storedPicture(settings, 50, 20);
-    std::vector<float> grey(50 * 20), alpha(50 * 20);
+    const Plane picture = storedPicture(settings, 50, 40);
+    std::vector<float> grey(50 * 40), alpha(50 * 40);
     Imf::FrameBuffer slices;
     slices.insert("Y", Imf::Slice::Make(Imf::FLOAT, grey.data(), file.dataWindowForLevel(0)));
     slices.insert("A", Imf::Slice::Make(Imf::FLOAT, alpha.data(), file.dataWindowForLevel(0)));
