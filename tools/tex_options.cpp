@@ -199,7 +199,7 @@ std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSetti
     settings.channels = source.channels;
     if (how == Alpha::Ignored && source.channels % 2 == 0)
         --settings.channels;
-    // The tile loader has grey with alpha from TIFF in 8 bits only.
+    // TIFF textures have no grey with alpha.
     if (target == Target::Tiff && settings.channels == 2)
         settings.channels = 4;
     settings.multiplyAlpha = settings.channels % 2 == 0

@@ -70,7 +70,7 @@ ImgErrorCode checkSettings(const TextureSettings& settings, TextureFormat format
     const bool isExrs
         = settings.compression == TextureCompression::Piz || settings.compression == TextureCompression::Dwaa;
     if (!isTileSize(settings.tileWidth, format) || !isTileSize(settings.tileHeight, format)
-        || settings.channels < 1 || settings.channels > 4 || settings.filter > MipFilter::Mitchell
+        || settings.channels < 1 || settings.channels > 4 || (!isExr && settings.channels == 2) || settings.filter > MipFilter::Mitchell
         || settings.wrapX > TextureWrap::Black || settings.wrapY > TextureWrap::Black)
         return IMGERR_UNSUPPORTED;
     if (isExr ? !isHalf && !isFloat : !isInteger && !isFloat)

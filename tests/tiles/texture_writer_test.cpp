@@ -521,7 +521,7 @@ TEST_F(TextureWriting, OpenExrsOwnClassesReadTheFile)
 
 TEST_F(TextureWriting, LibtiffReadsTheFile)
 {
-    TextureSettings settings = settingsOf(TextureSample::Short, 2);
+    TextureSettings settings = settingsOf(TextureSample::Short, 4);
     settings.tileWidth = settings.tileHeight = 64;
     settings.wrapY = TextureWrap::Mirror;
     settings.comment = "a comment";
@@ -555,12 +555,12 @@ TEST_F(TextureWriting, LibtiffReadsTheFile)
         EXPECT_EQ(kinds[0], EXTRASAMPLE_ASSOCALPHA);
     }
     ASSERT_TRUE(TIFFSetDirectory(tiff, 0));
-    std::vector<std::uint16_t> tile(64 * 64 * 2);
+    std::vector<std::uint16_t> tile(64 * 64 * 4);
     ASSERT_EQ(TIFFReadTile(tiff, tile.data(), 128, 64, 0, 0), tmsize_t(tile.size() * 2));
     for (int y = 0; y < 6; ++y)
         for (int x = 0; x < 2; ++x)
-            for (int c = 0; c < 2; ++c)
-                ASSERT_EQ(tile[std::size_t((y * 64 + x) * 2 + c)],
+            for (int c = 0; c < 4; ++c)
+                ASSERT_EQ(tile[std::size_t((y * 64 + x) * 4 + c)],
                     std::lround(picture.at(128 + x, 64 + y, c) * 65535));
     TIFFClose(tiff);
 }
@@ -653,7 +653,7 @@ TEST_F(TextureWriting, SettingsThatTheFormatDoesNotHaveAreRefused)
     for (const Change& change : forExr)
         EXPECT_EQ(codeOf(m_exr, TextureSample::Half, change), IMGERR_UNSUPPORTED);
     const Change forTiff[] = { [](auto& s) { s.tileWidth = 24; }, [](auto& s) { s.tileHeight = 8; },
-        [](auto& s) { s.compression = TextureCompression::Piz; },
+        [](auto& s) { s.channels = 2; }, [](auto& s) { s.compression = TextureCompression::Piz; },
         [](auto& s) { s.compression = TextureCompression::Dwaa; } };
     for (const Change& change : forTiff)
         EXPECT_EQ(codeOf(m_tif, TextureSample::Byte, change), IMGERR_UNSUPPORTED);
