@@ -57,7 +57,7 @@ struct TextureSettings {
 /// of its pixels was stored; what is stored into it later is dropped. docs/conventions.md has the details.
 ///
 /// Nothing but the constructor throws: what goes wrong shows in `isValid` after `init`, and in `finish`. A
-/// texture that is not finished leaves its incomplete file.
+/// texture that is not finished leaves its incomplete file, which no reader takes for one.
 class RASTKIT_API TextureWriter : public ImgRowBuffer {
 public:
     TextureWriter(const char* fileName, const TextureSettings& settings);

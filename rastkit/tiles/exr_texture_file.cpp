@@ -176,7 +176,16 @@ ImgErrorCode ExrTextureFile::begin(const char* name)
     });
     if (code != IMGERR_NONE)
         return code;
-    return m_output.open(name) ? writeHead({}) : IMGERR_OPEN;
+    if (!m_output.open(name))
+        return IMGERR_OPEN;
+    // The head comes last: what is not finished must not look like a texture.
+    constexpr char zeros[1 << 14] = {};
+    for (std::size_t left = m_headBytes, count = 0; left != 0; left -= count) {
+        count = std::min(left, sizeof zeros);
+        if (!m_output.append(zeros, count))
+            return IMGERR_WRITE;
+    }
+    return IMGERR_NONE;
 }
 
 std::unique_ptr<TileEncoder> ExrTextureFile::makeEncoder() const
@@ -192,7 +201,7 @@ ImgErrorCode ExrTextureFile::append(int level, int tx, int ty, const std::vector
     return m_output.append(bytes.data(), bytes.size()) ? IMGERR_NONE : IMGERR_WRITE;
 }
 
-/// Writes the head, for the first time or over the one that is there, which has the same size.
+/// Writes the head into the room that is left for it.
 ImgErrorCode ExrTextureFile::writeHead(const TextureRange& range)
 {
     return fenced([&] {
@@ -202,10 +211,7 @@ ImgErrorCode ExrTextureFile::writeHead(const TextureRange& range)
             return IMGERR_LIBRARY;
         // As the file has them: with the least significant byte first.
         std::memcpy(head.data() + head.size() - offsetBytes, m_offsets.data(), offsetBytes);
-        const bool isFirst = m_output.size() == 0;
-        const bool isWritten = isFirst ? m_output.append(head.data(), head.size())
-                                       : m_output.replace(0, head.data(), head.size());
-        return isWritten ? IMGERR_NONE : IMGERR_WRITE;
+        return m_output.replace(0, head.data(), head.size()) ? IMGERR_NONE : IMGERR_WRITE;
     });
 }
 

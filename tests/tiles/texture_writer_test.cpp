@@ -734,11 +734,18 @@ TEST_F(TextureWriting, AWriterThatIsNotFinishedLeavesNoTextureAndNothingElse)
     for (const std::string& name : { m_exr, m_tif }) {
         TextureSettings settings = settingsOf(TextureSample::Float, 3);
         settings.threads = 2;
+        settings.comment = "SHA-1=0123456789abcdef0123456789abcdef01234567";
         {
             TextureWriter writer(name.c_str(), settings);
             writer.init(300, 300);
             fromTheTop(writer, 300, 200);
         }
+        EXRTileLoaderParams exr;
+        TIFTileLoaderParams tiff;
+        EXPECT_NE((name == m_exr ? LoadEXRHeaderEx(name.c_str(), exr) : LoadTIFHeaderEx(name.c_str(), tiff)).code(),
+            IMGERR_NONE);
+        char text[64] = {};
+        EXPECT_EQ(getImageSHATag(name.c_str(), text, sizeof text), 0);
         const auto files = std::filesystem::directory_iterator(m_dir.path());
         EXPECT_EQ(std::distance(begin(files), end(files)), 1);
         std::filesystem::remove(name);
