@@ -8,8 +8,10 @@
 #include "tools/tex_options.h"
 #include "tools/threads.h"
 
+#include "rastkit/buffers.h"
 #include "rastkit/image/image_comment.h"
 #include "rastkit/image/standard_load.h"
+#include "rastkit/tiles.h"
 
 #include <cerrno>
 #include <iostream>
@@ -83,7 +85,7 @@ struct Outcome {
 Json toJson(const TexOptions& options, const Outcome& outcome)
 {
     Json json { { "in", options.in }, { "out", options.out }, { "written", outcome.isWritten },
-        { "sha1", outcome.hash }, { "settings", describeSettings(outcome.settings) } };
+        { "sha1", outcome.hash }, { "settings", describeSettings(outcome.settings, textureFormatOf(options.out)) } };
     if (outcome.isWritten) {
         json["width"] = outcome.width;
         json["height"] = outcome.height;
@@ -149,13 +151,35 @@ int write(const TexOptions& options, Outcome& outcome, const std::string& commen
     return obstacle.empty() ? EXIT_DONE : EXIT_FILE;
 }
 
+/// Whether the end of a texture that this program wrote is there. TIFF has its text there; OpenEXR has it at
+/// the beginning, and at the end the tile of the smallest level.
+bool hasItsEnd(const std::string& name)
+{
+    if (*textureFormatOf(name) == 't')
+        return true;
+    EXRTileLoaderParams texture;
+    if (LoadEXRHeaderEx(name.c_str(), texture).code() != IMGERR_NONE || !texture.isMipmapped)
+        return false;
+    texture.fileName = name.c_str();
+    QUtils::ImageF tile;
+    tile.init(texture.tileWidth, texture.tileHeight);
+    return tile.isValid() && texture.loadTile(0, 0, texture.numLevels - 1, tile).code() == IMGERR_NONE;
+}
+
+/// Whether a texture is there, as a whole, that has that text.
+bool isMadeOf(const std::string& name, const std::string& comment)
+{
+    return QUtils::readImageComment(name.c_str()) == comment && hasItsEnd(name);
+}
+
 int tex(const TexOptions& options)
 {
     Outcome outcome;
     if (const int exitCode = prepare(options, outcome); exitCode != EXIT_DONE)
         return exitCode;
-    const std::string comment = describeSettings(outcome.settings) + " SHA-1=" + outcome.hash;
-    const bool isUpToDate = options.update && QUtils::readImageComment(options.out.c_str()) == comment;
+    const std::string comment
+        = describeSettings(outcome.settings, textureFormatOf(options.out)) + " SHA-1=" + outcome.hash;
+    const bool isUpToDate = options.update && isMadeOf(options.out, comment);
     const int exitCode = isUpToDate ? int(EXIT_DONE) : write(options, outcome, comment);
     if (exitCode != EXIT_DONE)
         return exitCode;

@@ -211,10 +211,20 @@ std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSetti
     return obstacle.empty() ? checkFormat(settings, target) : obstacle;
 }
 
-std::string describeSettings(const TextureSettings& settings)
+const char* textureFormatOf(const std::string& name)
+{
+    switch (targetOf(name)) {
+    case Target::Exr: return "exr";
+    case Target::Tiff: return "tiff";
+    case Target::None: break;
+    }
+    return "";
+}
+
+std::string describeSettings(const TextureSettings& settings, const char* format)
 {
     std::ostringstream text;
-    text << "rastkit tex 1 channels=" << settings.channels << " sample=" << nameOf(settings.sample)
+    text << "rastkit tex 1 format=" << format << " channels=" << settings.channels << " sample=" << nameOf(settings.sample)
          << " tile=" << settings.tileWidth << 'x' << settings.tileHeight
          << " filter=" << nameIn(tableFilters, settings.filter)
          << " wrap=" << nameIn(tableWraps, settings.wrapX) << ',' << nameIn(tableWraps, settings.wrapY)

@@ -23,8 +23,12 @@ struct TexOptions {
     std::string resolve(const QUtils::SourcePixels& source, QUtils::TextureSettings& settings) const;
 };
 
-/// All that decides what is in the file, as the text that is written into it in front of the source's hash.
-std::string describeSettings(const QUtils::TextureSettings& settings);
+/// What a texture of that name becomes: "exr", "tiff" or, for other extensions, "".
+const char* textureFormatOf(const std::string& name);
+
+/// All that decides what is in a file of that format, as the text that is written into it in front of the
+/// source's hash.
+std::string describeSettings(const QUtils::TextureSettings& settings, const char* format);
 
 /// As it is typed: "half", "float", "8", "16".
 const char* nameOf(QUtils::TextureSample sample);

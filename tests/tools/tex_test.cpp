@@ -309,4 +309,23 @@ TEST_F(ToolTex, WhatTheFormatDoesNotHaveIsWrongUsage)
     EXPECT_EQ(countFiles(), 1u);
 }
 
+TEST_F(ToolTex, UpdateMakesAnewWhatIsCutShortOrOfAnotherFormat)
+{
+    const std::string in = make("in.tga", pictureOf(80, 80).bytes());
+    for (const std::string& out : { m_tif, m_exr }) {
+        ASSERT_EQ(tex(in, out, { "--compression", "none" }).exitCode, 0);
+        const Bytes whole = readFile(out);
+        for (const std::size_t bytes : { whole.size() - 1, whole.size() / 2, std::size_t(6000) }) {
+            fs::resize_file(out, bytes);
+            EXPECT_EQ(tex(in, out, { "--update", "--compression", "none" }).out, out + ": written\n") << bytes;
+            EXPECT_TRUE(readFile(out) == whole);
+        }
+        EXPECT_EQ(tex(in, out, { "--update", "--compression", "none" }).out, out + ": up to date\n");
+    }
+    const Arguments options { "--update", "--sample", "float" };
+    ASSERT_EQ(tex(in, m_tif, options).exitCode, 0);
+    fs::copy_file(m_tif, m_exr, fs::copy_options::overwrite_existing);
+    EXPECT_EQ(tex(in, m_exr, options).out, m_exr + ": written\n");
+}
+
 } // namespace
