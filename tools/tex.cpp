@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <iostream>
 #include <memory>
+#include <sys/stat.h>
 
 namespace tool {
 
@@ -93,6 +94,14 @@ Json toJson(const TexOptions& options, const Outcome& outcome)
     json["channels"] = outcome.settings.channels;
     json["sample"] = nameOf(outcome.settings.sample);
     return json;
+}
+
+/// Whether both names stand for one file, by whatever links.
+bool isSameFile(const std::string& one, const std::string& other)
+{
+    struct stat first, second;
+    return ::stat(one.c_str(), &first) == 0 && ::stat(other.c_str(), &second) == 0
+        && first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 /// Looks at the source, and chooses the settings. An ExitCode.
@@ -174,6 +183,10 @@ bool isMadeOf(const std::string& name, const std::string& comment)
 
 int tex(const TexOptions& options)
 {
+    if (isSameFile(options.in, options.out)) {
+        reportMessage(options.out + " is the source itself");
+        return EXIT_USAGE;
+    }
     Outcome outcome;
     if (const int exitCode = prepare(options, outcome); exitCode != EXIT_DONE)
         return exitCode;

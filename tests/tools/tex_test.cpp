@@ -328,4 +328,20 @@ TEST_F(ToolTex, UpdateMakesAnewWhatIsCutShortOrOfAnotherFormat)
     EXPECT_EQ(tex(in, m_exr, options).out, m_exr + ": written\n");
 }
 
+TEST_F(ToolTex, TheSourceIsNotOverwritten)
+{
+    const std::string in = make("in.tga", pictureOf(8, 8).bytes()), linked = m_dir / "linked.exr",
+                      hard = m_dir / "hard.exr";
+    ASSERT_EQ(tex(in, m_tif).exitCode, 0);
+    fs::create_symlink(m_tif, linked);
+    fs::create_hard_link(m_tif, hard);
+    const Bytes before = readFile(m_tif);
+    for (const std::string& out : { m_tif, linked, hard }) {
+        const ProgramResult result = tex(m_tif, out);
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_EQ(result.err, "rastkit: " + out + " is the source itself\n");
+        EXPECT_TRUE(readFile(out) == before);
+    }
+}
+
 } // namespace
