@@ -24,7 +24,8 @@ enum class TextureCompression : std::uint8_t { None, Zip, Piz, Dwaa, Lzw };
 struct TextureSettings {
     /// 1 to 4096; TIFF: multiples of 16. OpenEXR's are no larger than the image.
     int tileWidth = 64, tileHeight = 64;
-    /// 1 Y, 2 Y and alpha (not in TIFF, where the tile loaders know none), 3 RGB, 4 RGBA. Y is the first of the colours, which grey images have three times.
+    /// 1 Y, 2 Y and alpha (not in TIFF, where the tile loaders know none), 3 RGB, 4 RGBA. Y is the first of
+    /// the colours, which grey images have three times.
     int channels = 4;
     MipFilter filter = MipFilter::Box;
     /// What filters find beyond the edges.

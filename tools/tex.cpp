@@ -86,7 +86,8 @@ struct Outcome {
 Json toJson(const TexOptions& options, const Outcome& outcome)
 {
     Json json { { "in", options.in }, { "out", options.out }, { "written", outcome.isWritten },
-        { "sha1", outcome.hash }, { "settings", describeSettings(outcome.settings, textureFormatOf(options.out)) } };
+        { "sha1", outcome.hash },
+        { "settings", describeSettings(outcome.settings, textureFormatOf(options.out)) } };
     if (outcome.isWritten) {
         json["width"] = outcome.width;
         json["height"] = outcome.height;

@@ -154,7 +154,8 @@ void TexOptions::declare(CLI::App& command)
     command
         .add_option("--alpha", alpha,
             "what the source's alpha is: " + listOf(tableAlphas)
-                + " (auto: straight for PNG, TGA, BMP, PSD and DDS; straight colour is multiplied by alpha, and "
+                + " (auto: straight for PNG, TGA, BMP, PSD and DDS; straight colour is multiplied by alpha, "
+                  "and "
                   "what is ignored is not written)")
         ->capture_default_str();
     command.add_option("--sample", sample,
@@ -202,8 +203,8 @@ std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSetti
     // TIFF textures have no grey with alpha.
     if (target == Target::Tiff && settings.channels == 2)
         settings.channels = 4;
-    settings.multiplyAlpha = settings.channels % 2 == 0
-        && (how == Alpha::Straight || (how == Alpha::Auto && source.isStraight));
+    settings.multiplyAlpha
+        = settings.channels % 2 == 0 && (how == Alpha::Straight || (how == Alpha::Auto && source.isStraight));
     settings.isSrgb = colour.empty() ? source.isInteger() : colour == "srgb";
     settings.makeLinear = toLinear;
     settings.dwaLevel = dwaLevel;
@@ -224,12 +225,15 @@ const char* textureFormatOf(const std::string& name)
 std::string describeSettings(const TextureSettings& settings, const char* format)
 {
     std::ostringstream text;
-    text << "rastkit tex 1 format=" << format << " channels=" << settings.channels << " sample=" << nameOf(settings.sample)
-         << " tile=" << settings.tileWidth << 'x' << settings.tileHeight
-         << " filter=" << nameIn(tableFilters, settings.filter)
+    text << "rastkit tex 1 format=" << format << " channels=" << settings.channels
+         << " sample=" << nameOf(settings.sample) << " tile=" << settings.tileWidth << 'x'
+         << settings.tileHeight << " filter=" << nameIn(tableFilters, settings.filter)
          << " wrap=" << nameIn(tableWraps, settings.wrapX) << ',' << nameIn(tableWraps, settings.wrapY)
          << " colour=" << (settings.isSrgb ? settings.makeLinear ? "srgb-to-linear" : "srgb" : "linear")
-         << " alpha=" << (settings.channels % 2 != 0 ? "none" : settings.multiplyAlpha ? "straight" : "premultiplied")
+         << " alpha="
+         << (settings.channels % 2 != 0      ? "none"
+                    : settings.multiplyAlpha ? "straight"
+                                             : "premultiplied")
          << " compression=" << nameIn(tableCompressions, settings.compression);
     if (settings.compression == TextureCompression::Dwaa)
         text << " dwa-level=" << settings.dwaLevel;

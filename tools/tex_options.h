@@ -12,7 +12,7 @@ namespace tool {
 /// The options of `rastkit tex` as they were typed; empty ones were not.
 struct TexOptions {
     std::string in, out, tile = "64", filter = "box", wrap = "clamp", colour, alpha = "auto", sample,
-        compression;
+                         compression;
     float dwaLevel = 45;
     int threads = 0;
     bool toLinear = false, update = false, json = false, sync = false;

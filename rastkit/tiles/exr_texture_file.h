@@ -29,7 +29,6 @@ private:
     const TextureLayout& m_layout;
     const TextureSettings& m_settings;
     const std::string& m_comment;
-    Imf::Header m_header; ///< As it is while the range is not known.
     std::vector<std::uint64_t> m_offsets; ///< Of all tiles, level by level.
     std::vector<std::size_t> m_firstOffsets; ///< Of each level.
     std::size_t m_headBytes = 0;

@@ -21,7 +21,8 @@ bool isTileSize(int size, TextureFormat format)
 }
 
 /// A level that is within one tile has that as small as TIFF takes it; not the largest level, since its tiles
-/// say what is one. Tiles of OpenEXR are no larger than the largest level: readers take memory for whole ones.
+/// say what is one. Tiles of OpenEXR are no larger than the largest level: readers take memory for whole
+/// ones.
 TextureLevel levelOf(int number, int width, int height, const TextureSettings& settings, TextureFormat format)
 {
     TextureLevel level { MipPyramid::sizeAt(number, width), MipPyramid::sizeAt(number, height),
@@ -70,8 +71,9 @@ ImgErrorCode checkSettings(const TextureSettings& settings, TextureFormat format
     const bool isExrs
         = settings.compression == TextureCompression::Piz || settings.compression == TextureCompression::Dwaa;
     if (!isTileSize(settings.tileWidth, format) || !isTileSize(settings.tileHeight, format)
-        || settings.channels < 1 || settings.channels > 4 || (!isExr && settings.channels == 2) || settings.filter > MipFilter::Mitchell
-        || settings.wrapX > TextureWrap::Black || settings.wrapY > TextureWrap::Black)
+        || settings.channels < 1 || settings.channels > 4 || (!isExr && settings.channels == 2)
+        || settings.filter > MipFilter::Mitchell || settings.wrapX > TextureWrap::Black
+        || settings.wrapY > TextureWrap::Black)
         return IMGERR_UNSUPPORTED;
     if (isExr ? !isHalf && !isFloat : !isInteger && !isFloat)
         return IMGERR_UNSUPPORTED;
@@ -90,11 +92,10 @@ bool TextureImage::fits(int width, int height, const TextureSettings& settings)
 
 TextureImage::TextureImage(int width, int height, TextureFormat format, const TextureSettings& settings,
     const std::string& comment, int threads)
-    : m_layout(layoutOf(width, height, settings, format)),
-      m_codec(m_layout, settings), m_findsRange(format == TextureFormat::Exr),
-      m_isCurved(settings.isSrgb && !settings.makeLinear), m_range(settings.channels),
-      m_file(makeFile(m_layout, format, settings, comment)), m_queue(*m_file, m_layout, threads),
-      m_rows(m_layout, m_queue), m_parts(width, height),
+    : m_layout(layoutOf(width, height, settings, format)), m_codec(m_layout, settings),
+      m_findsRange(format == TextureFormat::Exr), m_isCurved(settings.isSrgb && !settings.makeLinear),
+      m_range(settings.channels), m_file(makeFile(m_layout, format, settings, comment)),
+      m_queue(*m_file, m_layout, threads), m_rows(m_layout, m_queue), m_parts(width, height),
       m_pyramid(width, height, settings.channels, settings.filter, settings.wrapX, settings.wrapY, *this),
       m_linear(std::size_t(width) * std::size_t(settings.channels)),
       m_floats(m_findsRange && m_isCurved ? m_linear.size() : 0)

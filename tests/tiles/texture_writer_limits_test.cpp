@@ -1,5 +1,6 @@
 #include "rastkit/load.h"
 #include "rastkit/texture_writer.h"
+#include "rastkit/tiles/exr_texture_file.h"
 #include "support/temp_file.h"
 #include "support/texture_reading.h"
 
@@ -9,6 +10,7 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <malloc.h>
 
 namespace {
 
@@ -84,7 +86,8 @@ TEST_F(TextureLimits, StraightColourIsMultipliedByAlphaBeforeItIsFiltered)
 {
     // Left of each pair what cannot be seen, which must not shine into the level below.
     const auto pixel = [](int x, int, float* rgba) {
-        const float visible[] = { 1, 0.5f, 0.25f, 1 }, hidden[] = { 0, 1, 0, 0 }, half[] = { 1, 0.5f, 0, 0.5f };
+        const float visible[] = { 1, 0.5f, 0.25f, 1 }, hidden[] = { 0, 1, 0, 0 },
+                    half[] = { 1, 0.5f, 0, 0.5f };
         std::copy_n(x > 1 ? half : x == 1 ? visible : hidden, 4, rgba);
     };
     for (const std::string& name : { m_exr, m_tif })
@@ -112,10 +115,9 @@ TEST_F(TextureLimits, AlphaIsMultipliedIntoColourInLinearLight)
         writer.setRow(0, 0, 2, row);
         EXPECT_EQ(writer.finish().code(), IMGERR_NONE);
         const Plane level = readLevels(m_tif)[0];
-        return std::vector<long>(
-            { std::lround(level.at(0, 0, 0) * 255), std::lround(level.at(0, 0, 1) * 255),
-                std::lround(level.at(0, 0, 3) * 255), std::lround(level.at(1, 0, 0) * 255),
-                std::lround(level.at(1, 0, 1) * 255), std::lround(level.at(1, 0, 2) * 255) });
+        return std::vector<long>({ std::lround(level.at(0, 0, 0) * 255), std::lround(level.at(0, 0, 1) * 255),
+            std::lround(level.at(0, 0, 3) * 255), std::lround(level.at(1, 0, 0) * 255),
+            std::lround(level.at(1, 0, 1) * 255), std::lround(level.at(1, 0, 2) * 255) });
     };
     TextureSettings settings = settingsOf(TextureSample::Byte, 4);
     settings.multiplyAlpha = true;
@@ -133,9 +135,8 @@ TEST_F(TextureLimits, TilesLargerThanTheImageAreReadAgain)
         for (const std::string& name : { m_exr, m_tif }) {
             TextureSettings settings = settingsOf(TextureSample::Float, 4);
             settings.tileWidth = settings.tileHeight = name == m_exr ? 4096 : 256;
-            write(name, settings, width, height, [](int x, int y, float* rgba) {
-                std::fill_n(rgba, 4, float(x * 7 + y));
-            });
+            write(name, settings, width, height,
+                [](int x, int y, float* rgba) { std::fill_n(rgba, 4, float(x * 7 + y)); });
             const std::vector<Plane> levels = readLevels(name);
             EXPECT_EQ(levels[0].at(width - 1, height - 1, 2), width * 7 - 7 + height - 1);
             EXPECT_EQ(levels.back().width * levels.back().height, 1);
@@ -145,5 +146,48 @@ TEST_F(TextureLimits, TilesLargerThanTheImageAreReadAgain)
             }
         }
 }
+
+TEST_F(TextureLimits, ManyTilesOfManySizesAreRightInEveryCompression)
+{
+    for (const TextureCompression compression :
+        { TextureCompression::None, TextureCompression::Zip, TextureCompression::Piz }) {
+        TextureSettings settings = settingsOf(TextureSample::Half, 1);
+        settings.tileWidth = 3;
+        settings.tileHeight = 2;
+        settings.compression = compression;
+        write(m_exr, settings, 61, 47,
+            [](int x, int y, float* rgba) { std::fill_n(rgba, 4, float(x * 32 + y)); });
+        const std::vector<Plane> levels = readLevels(m_exr);
+        for (int y = 0; y < 47; ++y)
+            for (int x = 0; x < 61; ++x)
+                ASSERT_EQ(levels[0].at(x, y, 0), x * 32 + y);
+        EXPECT_NEAR(levels.back().at(0, 0, 0), 30 * 32 + 23, 1);
+    }
+}
+
+#ifdef __GLIBC__
+TEST_F(TextureLimits, EncodersDoNotTakeMemoryForAllTiles)
+{
+    QUtils::TextureLayout layout;
+    layout.channels = 1;
+    layout.levels = { { 1 << 20, 1, 1, 1 } };
+    const TextureSettings settings = settingsOf(TextureSample::Half, 1);
+    const std::string comment;
+    QUtils::ExrTextureFile file(layout, settings, comment);
+    ASSERT_EQ(file.begin(m_exr.c_str()), IMGERR_NONE);
+    const auto taken = [] {
+        const struct mallinfo2 memory = mallinfo2();
+        return memory.uordblks + memory.hblkhd;
+    };
+    const std::size_t before = taken();
+    const auto encoder = file.makeEncoder();
+    const std::uint8_t pixel[2] = {};
+    std::vector<std::uint8_t> bytes;
+    ASSERT_EQ(encoder->encode({ 0, 0x12345, 0, 1, 1, pixel, 2 }, bytes), IMGERR_NONE);
+    EXPECT_LT(taken(), before + (1 << 20));
+    EXPECT_EQ(std::vector<int>(bytes.begin(), bytes.begin() + 8),
+        (std::vector<int> { 0x45, 0x23, 1, 0, 0, 0, 0, 0 }));
+}
+#endif
 
 } // namespace

@@ -742,7 +742,8 @@ TEST_F(TextureWriting, AWriterThatIsNotFinishedLeavesNoTextureAndNothingElse)
         }
         EXRTileLoaderParams exr;
         TIFTileLoaderParams tiff;
-        EXPECT_NE((name == m_exr ? LoadEXRHeaderEx(name.c_str(), exr) : LoadTIFHeaderEx(name.c_str(), tiff)).code(),
+        EXPECT_NE(
+            (name == m_exr ? LoadEXRHeaderEx(name.c_str(), exr) : LoadTIFHeaderEx(name.c_str(), tiff)).code(),
             IMGERR_NONE);
         char text[64] = {};
         EXPECT_EQ(getImageSHATag(name.c_str(), text, sizeof text), 0);

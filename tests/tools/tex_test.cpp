@@ -299,8 +299,8 @@ TEST_F(ToolTex, WhatTheFormatDoesNotHaveIsWrongUsage)
         { "a.tif", { "--compression", "dwaa" } }, { "a.exr", { "--compression", "lzw" } },
         { "a.exr", { "--compression", "gzip" } }, { "a.exr", { "--filter", "sinc" } },
         { "a.exr", { "--wrap", "clamp,never" } }, { "a.exr", { "--colour", "adobe" } },
-        { "a.exr", { "--alpha", "maybe" } },
-        { "a.exr", { "--dwa-level", "-1" } }, { "a.exr", { "--threads", "0" } } };
+        { "a.exr", { "--alpha", "maybe" } }, { "a.exr", { "--dwa-level", "-1" } },
+        { "a.exr", { "--threads", "0" } } };
     for (const auto& [out, options] : cases) {
         const ProgramResult result = tex(in, m_dir / out, options);
         EXPECT_EQ(result.exitCode, 2) << out << " " << result.err;
@@ -317,7 +317,8 @@ TEST_F(ToolTex, UpdateMakesAnewWhatIsCutShortOrOfAnotherFormat)
         const Bytes whole = readFile(out);
         for (const std::size_t bytes : { whole.size() - 1, whole.size() / 2, std::size_t(6000) }) {
             fs::resize_file(out, bytes);
-            EXPECT_EQ(tex(in, out, { "--update", "--compression", "none" }).out, out + ": written\n") << bytes;
+            EXPECT_EQ(tex(in, out, { "--update", "--compression", "none" }).out, out + ": written\n")
+                << bytes;
             EXPECT_TRUE(readFile(out) == whole);
         }
         EXPECT_EQ(tex(in, out, { "--update", "--compression", "none" }).out, out + ": up to date\n");
