@@ -118,10 +118,7 @@ int prepare(const TexOptions& options, Outcome& outcome)
         reportFailure(options.in, cannotRead, inWords(error));
         return EXIT_FILE;
     }
-    if (const std::string obstacle = options.resolve(source, outcome.settings); !obstacle.empty()) {
-        reportFailure(options.out, cannotWrite, obstacle);
-        return EXIT_USAGE;
-    }
+    outcome.settings = options.resolve(source);
     std::string obstacle;
     outcome.hash = hashFile(options.in, obstacle);
     if (!obstacle.empty())
@@ -184,8 +181,11 @@ bool isMadeOf(const std::string& name, const std::string& comment)
 
 int tex(const TexOptions& options)
 {
-    if (isSameFile(options.in, options.out)) {
-        reportMessage(options.out + " is the source itself");
+    std::string wrong = options.check();
+    if (wrong.empty() && isSameFile(options.in, options.out))
+        wrong = options.out + " is the source itself";
+    if (!wrong.empty()) {
+        reportMessage(wrong);
         return EXIT_USAGE;
     }
     Outcome outcome;

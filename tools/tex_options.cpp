@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cmath>
 #include <iterator>
 #include <sstream>
 #include <utility>
@@ -162,9 +163,7 @@ void TexOptions::declare(CLI::App& command)
         "stored samples: " + listOf(tableSamples) + " (without it: what holds the source's)");
     command.add_option(
         "--compression", compression, listOf(tableCompressions) + " (without it: zip, which is deflate)");
-    command.add_option("--dwa-level", dwaLevel, "loss of dwaa, 0 for none")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
+    command.add_option("--dwa-level", dwaLevel, "loss of dwaa, 0 for none")->capture_default_str();
     command.add_option("--threads", threads, "threads to use (without it: as many as there are)")
         ->check(CLI::Range(1, 256));
     command.add_flag(
@@ -173,11 +172,25 @@ void TexOptions::declare(CLI::App& command)
     command.add_flag("--sync", sync, "wait until the file is safe from a power cut");
 }
 
-std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSettings& settings) const
+std::string TexOptions::check() const
+{
+    TextureSettings settings;
+    return read({}, settings); // What suits a source suits the format.
+}
+
+TextureSettings TexOptions::resolve(const QUtils::SourcePixels& source) const
+{
+    TextureSettings settings;
+    static_cast<void>(read(source, settings));
+    return settings;
+}
+
+/// The settings, or what is wrong.
+std::string TexOptions::read(const QUtils::SourcePixels& source, TextureSettings& settings) const
 {
     const Target target = targetOf(out);
     if (target == Target::None)
-        return "its extension is none of exr, tif, tiff";
+        return out + ": the extension is none of exr, tif, tiff";
     const auto [width, height] = splitPair(tile, 'x');
     if (!readNumber(width, settings.tileWidth) || !readNumber(height, settings.tileHeight))
         return "--tile takes N or WxH";
@@ -208,6 +221,8 @@ std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSetti
     settings.isSrgb = colour.empty() ? source.isInteger() : colour == "srgb";
     settings.makeLinear = toLinear;
     settings.dwaLevel = dwaLevel;
+    if (!std::isfinite(dwaLevel) || dwaLevel < 0)
+        return "--dwa-level takes a number from 0 on";
     std::string obstacle = checkTile(settings, target);
     return obstacle.empty() ? checkFormat(settings, target) : obstacle;
 }

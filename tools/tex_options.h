@@ -18,9 +18,13 @@ struct TexOptions {
     bool toLinear = false, update = false, json = false, sync = false;
 
     void declare(CLI::App& command);
-    /// Settings for a source of such pixels, without threads and comment. Why they are wrong; empty when
-    /// they are not.
-    std::string resolve(const QUtils::SourcePixels& source, QUtils::TextureSettings& settings) const;
+    /// What is wrong with them, whatever the source; empty when nothing is.
+    std::string check() const;
+    /// Settings for a source of such pixels, without threads and comment. They are checked.
+    QUtils::TextureSettings resolve(const QUtils::SourcePixels& source) const;
+
+private:
+    std::string read(const QUtils::SourcePixels& source, QUtils::TextureSettings& settings) const;
 };
 
 /// What a texture of that name becomes: "exr", "tiff" or, for other extensions, "".

@@ -6,6 +6,7 @@
 #include "rastkit/tiles/tiff_texture_file.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 namespace QUtils {
@@ -79,7 +80,8 @@ ImgErrorCode checkSettings(const TextureSettings& settings, TextureFormat format
         return IMGERR_UNSUPPORTED;
     if (!isForBoth && !(isExr ? isExrs : settings.compression == TextureCompression::Lzw))
         return IMGERR_UNSUPPORTED;
-    return settings.dwaLevel >= 0 ? IMGERR_NONE : IMGERR_UNSUPPORTED; // NaN neither.
+    const bool isLevel = std::isfinite(settings.dwaLevel) && settings.dwaLevel >= 0;
+    return isLevel ? IMGERR_NONE : IMGERR_UNSUPPORTED;
 }
 
 bool TextureImage::fits(int width, int height, const TextureSettings& settings)

@@ -649,7 +649,8 @@ TEST_F(TextureWriting, SettingsThatTheFormatDoesNotHaveAreRefused)
         [](auto& s) { s.channels = 0; }, [](auto& s) { s.channels = 5; },
         [](auto& s) { s.compression = TextureCompression::Lzw; },
         [](auto& s) { s.compression = TextureCompression(9); }, [](auto& s) { s.filter = MipFilter(4); },
-        [](auto& s) { s.wrapX = TextureWrap(4); }, [](auto& s) { s.dwaLevel = -1; } };
+        [](auto& s) { s.wrapX = TextureWrap(4); }, [](auto& s) { s.dwaLevel = -1; },
+        [](auto& s) { s.dwaLevel = std::numeric_limits<float>::infinity(); } };
     for (const Change& change : forExr)
         EXPECT_EQ(codeOf(m_exr, TextureSample::Half, change), IMGERR_UNSUPPORTED);
     const Change forTiff[] = { [](auto& s) { s.tileWidth = 24; }, [](auto& s) { s.tileHeight = 8; },

@@ -300,13 +300,17 @@ TEST_F(ToolTex, WhatTheFormatDoesNotHaveIsWrongUsage)
         { "a.exr", { "--compression", "gzip" } }, { "a.exr", { "--filter", "sinc" } },
         { "a.exr", { "--wrap", "clamp,never" } }, { "a.exr", { "--colour", "adobe" } },
         { "a.exr", { "--alpha", "maybe" } }, { "a.exr", { "--dwa-level", "-1" } },
+        { "a.exr", { "--dwa-level", "nan" } }, { "a.exr", { "--dwa-level", "inf" } },
         { "a.exr", { "--threads", "0" } } };
-    for (const auto& [out, options] : cases) {
-        const ProgramResult result = tex(in, m_dir / out, options);
-        EXPECT_EQ(result.exitCode, 2) << out << " " << result.err;
-        EXPECT_NE(result.err, "");
-    }
+    for (const auto& [out, options] : cases)
+        for (const std::string& source : { in, m_dir / "none.tga" }) { // It is seen before the source is.
+            const ProgramResult result = tex(source, m_dir / out, options);
+            EXPECT_EQ(result.exitCode, 2) << out << " " << result.err;
+            EXPECT_NE(result.err, "");
+        }
     EXPECT_EQ(countFiles(), 1u);
+    EXPECT_EQ(tex(in, m_exr, { "--filter", "sinc" }).err,
+        "rastkit: --filter takes one of box, triangle, lanczos3, mitchell\n");
 }
 
 TEST_F(ToolTex, UpdateMakesAnewWhatIsCutShortOrOfAnotherFormat)
