@@ -32,7 +32,7 @@ struct TextureSettings {
     TextureWrap wrapX = TextureWrap::Clamp, wrapY = TextureWrap::Clamp;
     TextureSample sample = TextureSample::Half;
     TextureCompression compression = TextureCompression::Zip;
-    float dwaLevel = 45; ///< Of Dwaa: 0 lossless, more is smaller.
+    float dwaLevel = 45; ///< Of Dwaa: 0 least loss, more is smaller. Colour of Float it keeps as halfs.
     /// Colour has the transfer curve of sRGB: filtered in linear light, stored as it came.
     bool isSrgb = false;
     bool makeLinear = false; ///< Of such a texture: stored in linear light.

@@ -163,7 +163,7 @@ void TexOptions::declare(CLI::App& command)
         "stored samples: " + listOf(tableSamples) + " (without it: what holds the source's)");
     command.add_option(
         "--compression", compression, listOf(tableCompressions) + " (without it: zip, which is deflate)");
-    command.add_option("--dwa-level", dwaLevel, "loss of dwaa, 0 for none")->capture_default_str();
+    command.add_option("--dwa-level", dwaLevel, "loss of dwaa, 0 for the least")->capture_default_str();
     command.add_option("--threads", threads, "threads to use (without it: as many as there are)")
         ->check(CLI::Range(1, 256));
     command.add_flag(

@@ -190,4 +190,24 @@ TEST_F(TextureLimits, EncodersDoNotTakeMemoryForAllTiles)
 }
 #endif
 
+TEST_F(TextureLimits, DwaaLosesLeastAtLevelZeroAndKeepsColourAsHalfs)
+{
+    const auto worst = [this](float level, TextureSample sample) {
+        TextureSettings settings = settingsOf(sample, 3);
+        settings.compression = TextureCompression::Dwaa;
+        settings.dwaLevel = level;
+        const auto value = [](int x, int y) { return 0.3f + float((x * 37 + y * 101) % 64) / 200; };
+        write(m_exr, settings, 32, 32, [&](int x, int y, float* rgba) { std::fill_n(rgba, 4, value(x, y)); });
+        const Plane plane = readLevels(m_exr)[0];
+        double error = 0;
+        for (int y = 0; y < 32; ++y)
+            for (int x = 0; x < 32; ++x)
+                error = std::max(error, std::fabs(plane.at(x, y, 1) - double(value(x, y))));
+        return error;
+    };
+    EXPECT_LT(worst(0, TextureSample::Half), 0.003);
+    EXPECT_GT(worst(0, TextureSample::Float), 1e-5);
+    EXPECT_LT(worst(0, TextureSample::Half), worst(200, TextureSample::Half));
+}
+
 } // namespace
