@@ -10,7 +10,7 @@ namespace QUtils {
 
 /// A mip-mapped OpenEXR file. Its tiles stand in the order in which they come, which the header says, so that
 /// no tile waits for another level's. The attributes minValue and maxValue (floats), minValueVec and
-/// maxValueVec (three floats) tell the range of the largest level.
+/// maxValueVec (three floats) tell the range of all levels.
 class ExrTextureFile : public TextureFile {
 public:
     /// Layout, settings and comment are the caller's and outlive this object.

@@ -100,7 +100,7 @@ TextureImage::TextureImage(int width, int height, TextureFormat format, const Te
       m_queue(*m_file, m_layout, threads), m_rows(m_layout, m_queue), m_parts(width, height),
       m_pyramid(width, height, settings.channels, settings.filter, settings.wrapX, settings.wrapY, *this),
       m_linear(std::size_t(width) * std::size_t(settings.channels)),
-      m_floats(m_findsRange && m_isCurved ? m_linear.size() : 0)
+      m_floats(m_findsRange ? m_linear.size() : 0)
 {
 }
 
@@ -125,10 +125,10 @@ void TextureImage::completeRow(int y)
     const std::size_t width = std::size_t(m_layout.levels.front().width);
     const std::uint8_t* const row = m_rows.row(0, y);
     m_codec.toLinear(row, m_linear.data(), width);
-    if (m_findsRange && m_isCurved)
-        m_codec.toFloats(row, m_floats.data(), width);
-    if (m_findsRange)
-        m_range.add(m_isCurved ? m_floats.data() : m_linear.data(), width);
+    if (m_findsRange && !m_isCurved)
+        m_range.add(m_linear.data(), width); // They are the same.
+    else
+        findRange(0, row);
     m_rows.complete(0, y); // The row must not be looked at any more.
     m_pyramid.putRow(y, m_linear.data());
 }
@@ -136,8 +136,20 @@ void TextureImage::completeRow(int y)
 void TextureImage::takeRow(int level, int y, const float* row)
 {
     const std::size_t width = std::size_t(m_layout.levels[std::size_t(level)].width);
-    m_codec.fromLinear(row, m_rows.row(level, y), width);
+    std::uint8_t* const stored = m_rows.row(level, y);
+    m_codec.fromLinear(row, stored, width);
+    findRange(level, stored);
     m_rows.complete(level, y);
+}
+
+/// Stored samples count: what a renderer gets.
+void TextureImage::findRange(int level, const std::uint8_t* row)
+{
+    if (!m_findsRange)
+        return;
+    const std::size_t width = std::size_t(m_layout.levels[std::size_t(level)].width);
+    m_codec.toFloats(row, m_floats.data(), width);
+    m_range.add(m_floats.data(), width);
 }
 
 ImgErrorCode TextureImage::finish()

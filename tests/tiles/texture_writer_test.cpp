@@ -422,35 +422,62 @@ TEST_F(TextureWriting, WritersOfSeveralThreadsDoNotMeet)
         expectLevels(m_dir / name, settings, storedPicture(settings, 60, 60));
 }
 
-TEST_F(TextureWriting, OpenExrFilesSayTheRangeOfTheLargestLevel)
+TEST_F(TextureWriting, OpenExrFilesSayTheRangeOfAllLevels)
 {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (const bool isSrgb : { false, true }) {
-        TextureSettings settings = settingsOf(TextureSample::Half, 3);
-        settings.isSrgb = isSrgb;
-        settings.filter = MipFilter::Lanczos3; // Whose levels reach beyond.
-        write(m_exr, settings, 21, 5, [nan](TextureWriter& writer, int width, int height) {
-            std::vector<float> row(std::size_t(width) * 4, 0.5f);
-            for (int y = 0; y < height; ++y) {
-                row[std::size_t(y) * 8] = y == 2 ? nan : -0.25f * float(y);
-                row[std::size_t(y) * 8 + 1] = 0.1f; // No half: its neighbour is stored.
-                row[std::size_t(y) * 8 + 2] = float(y) * 3;
-                row[std::size_t(y) * 8 + 3] = 1000; // Alpha does not count.
-                writer.setRowF(0, y, width, row.data());
+    for (const bool isSrgb : { false, true })
+        for (const MipFilter filter : { MipFilter::Box, MipFilter::Lanczos3 }) { // Which reaches beyond.
+            TextureSettings settings = settingsOf(TextureSample::Half, 4);
+            settings.isSrgb = isSrgb;
+            settings.filter = filter;
+            write(m_exr, settings, 21, 5, [](TextureWriter& writer, int width, int height) {
+                std::vector<float> row(std::size_t(width) * 4);
+                for (int y = 0; y < height; ++y) {
+                    for (int x = 0; x < width; ++x) {
+                        row[std::size_t(x) * 4] = x < 10 ? 0.1f : 0.9f;
+                        row[std::size_t(x) * 4 + 1] = float(y - 2) / 7;
+                        row[std::size_t(x) * 4 + 2] = x == 20 && y == 4 ? 12 : 0.5f;
+                        row[std::size_t(x) * 4 + 3] = 1000; // Alpha does not count.
+                    }
+                    writer.setRowF(0, y, width, row.data());
+                }
+            });
+            const std::vector<Plane> levels = readLevels(m_exr);
+            double smallest[3] = { 100, 100, 100 }, greatest[3] = { -100, -100, -100 };
+            for (const Plane& level : levels)
+                for (std::size_t i = 0; i < level.samples.size(); ++i)
+                    if (i % 4 < 3) {
+                        smallest[i % 4] = std::min(smallest[i % 4], level.samples[i]);
+                        greatest[i % 4] = std::max(greatest[i % 4], level.samples[i]);
+                    }
+            EXPECT_EQ(greatest[0] > 0.91, filter == MipFilter::Lanczos3);
+            EXRTileLoaderParams params;
+            ASSERT_EQ(LoadEXRHeaderEx(m_exr.c_str(), params).code(), IMGERR_NONE);
+            for (int c = 0; c < 3; ++c) {
+                EXPECT_EQ(double(params.minValue[c]), smallest[c]) << c;
+                EXPECT_EQ(double(params.maxValue[c]), greatest[c]) << c;
             }
-        });
-        EXRTileLoaderParams params;
-        ASSERT_EQ(LoadEXRHeaderEx(m_exr.c_str(), params).code(), IMGERR_NONE);
-        const float tenth = rounded(0.1f, TextureSample::Half);
-        const float smallest[] = { -1, tenth, 0 }, greatest[] = { 0.5f, 0.5f, 12 };
-        for (int c = 0; c < 3; ++c) {
-            EXPECT_EQ(params.minValue[c], smallest[c]) << c;
-            EXPECT_EQ(params.maxValue[c], greatest[c]) << c;
+            Imf::TiledInputFile file(m_exr.c_str());
+            EXPECT_EQ(double(file.header().typedAttribute<Imf::FloatAttribute>("minValue").value()),
+                *std::min_element(smallest, smallest + 3));
+            EXPECT_EQ(double(file.header().typedAttribute<Imf::FloatAttribute>("maxValue").value()),
+                *std::max_element(greatest, greatest + 3));
         }
-        Imf::TiledInputFile file(m_exr.c_str());
-        EXPECT_EQ(file.header().typedAttribute<Imf::FloatAttribute>("minValue").value(), -1);
-        EXPECT_EQ(file.header().typedAttribute<Imf::FloatAttribute>("maxValue").value(), 12);
-    }
+}
+
+TEST_F(TextureWriting, NotANumberDoesNotCountForTheRange)
+{
+    write(m_exr, settingsOf(TextureSample::Half, 3), 4, 1, [](TextureWriter& writer, int, int) {
+        const float nan = std::numeric_limits<float>::quiet_NaN();
+        const float row[] = { nan, -1, 0, 0, 2, nan, 0, 0, 1, 2, nan, 0, 4, 3, 0, 0 };
+        writer.setRowF(0, 0, 4, row);
+    });
+    EXRTileLoaderParams params;
+    ASSERT_EQ(LoadEXRHeaderEx(m_exr.c_str(), params).code(), IMGERR_NONE);
+    EXPECT_EQ(params.minValue[0], 1);
+    EXPECT_EQ(params.maxValue[0], 4);
+    EXPECT_EQ(params.minValue[1], -1);
+    EXPECT_EQ(params.maxValue[1], 3);
+    EXPECT_EQ(params.minValue[2], 0);
 }
 
 TEST_F(TextureWriting, RangeOfGreyCountsForAllColoursAndThatOfNothingIsZero)
