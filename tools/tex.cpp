@@ -39,31 +39,37 @@ public:
         m_height = height;
         m_done = 0;
         m_texture.init(width, height);
-        m_isRefused = m_texture.isValid() == 0;
+        m_hasFailed = m_texture.isValid() == 0;
     }
     int isValid() override { return m_texture.isValid(); }
     void freeMem() override { m_texture.freeMem(); }
     void setPixelF(int x, int y, const float* rgba) override { setRowF(x, y, 1, rgba); }
     void setPixel(int x, int y, unsigned int argb) override { setRow(x, y, 1, &argb); }
+    /// Throws IMGERR_WRITE when the texture has failed: the rest of the source need not be read.
     void setRow(int x, int y, int count, const unsigned int* argb) override
     {
         m_texture.setRow(x, y, count, argb);
         advance(count);
     }
+    /// The same.
     void setRowF(int x, int y, int count, const float* rgba) override
     {
         m_texture.setRowF(x, y, count, rgba);
         advance(count);
     }
 
-    /// Whether the texture could not even be begun, whose reason it knows.
-    bool isRefused() const { return m_isRefused; }
+    /// Whether the texture could not be begun or gone on with; it knows why.
+    bool hasFailed() const { return m_hasFailed; }
     int width() const { return m_width; }
     int height() const { return m_height; }
 
 private:
     void advance(int count)
     {
+        if (m_texture.isValid() == 0) {
+            m_hasFailed = true;
+            throw IMGERR_WRITE;
+        }
         m_done += std::uint64_t(count);
         m_progress.update(m_done, std::uint64_t(m_width) * std::uint64_t(m_height));
     }
@@ -72,8 +78,18 @@ private:
     Progress m_progress;
     int m_width = 0, m_height = 0;
     std::uint64_t m_done = 0;
-    bool m_isRefused = false;
+    bool m_hasFailed = false;
 };
+
+/// Reads an image; what the sink throws is the result too.
+ImgError load(const std::string& name, TextureSink& sink)
+{
+    try {
+        return QUtils::loadStandard(name.c_str(), sink, nullptr);
+    } catch (const ImgErrorCode code) {
+        return code;
+    }
+}
 
 /// What was made of what.
 struct Outcome {
@@ -132,8 +148,8 @@ std::string make(const TexOptions& options, const std::string& name, Outcome& ou
 {
     TextureWriter texture(name.c_str(), outcome.settings);
     TextureSink sink(texture, options.out);
-    const ImgError read = QUtils::loadStandard(options.in.c_str(), sink, nullptr);
-    isRead = read.code() == IMGERR_NONE || sink.isRefused();
+    const ImgError read = load(options.in, sink);
+    isRead = read.code() == IMGERR_NONE || sink.hasFailed();
     if (!isRead)
         return inWords(read);
     errno = 0;

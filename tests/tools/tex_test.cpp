@@ -349,4 +349,18 @@ TEST_F(ToolTex, TheSourceIsNotOverwritten)
     }
 }
 
+TEST_F(ToolTex, AFullDiskEndsTheReading)
+{
+    // The source is damaged further on than it is read.
+    Bytes cut = pictureOf(700, 400).bytes();
+    cut.resize(cut.size() - 1000);
+    const std::string in = make("in.tga", cut);
+    const Arguments options { "--threads", "1", "--compression", "none" };
+    EXPECT_EQ(
+        tex(in, m_tif, options, 4096).err, "rastkit: " + m_tif + ": cannot be written: File too large\n");
+    EXPECT_EQ(tex(in, m_tif, options).err,
+        "rastkit: " + in + ": cannot be read: its pixels are cut short or damaged\n");
+    EXPECT_EQ(countFiles(), 1u);
+}
+
 } // namespace
