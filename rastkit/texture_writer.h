@@ -76,9 +76,9 @@ public:
     void setRowF(int x, int y, int count, const float* rgba) override;
 
     /// Completes the file, after the last pixel. Pixels that were never stored are 0. The first error there
-    /// was: IMGERR_MEMORY; IMGERR_OPEN or IMGERR_WRITE with the system's reason in errno; IMGERR_WRITE also
-    /// without an image; IMGERR_LIBRARY; IMGERR_UNSUPPORTED for a name or settings that no format has, for
-    /// empty images and for those of more than 2^24 pixels a side or 2^26 tiles.
+    /// was: IMGERR_MEMORY; IMGERR_OPEN or IMGERR_WRITE with the system's reason in errno (ESPIPE for a pipe);
+    /// IMGERR_WRITE also without an image; IMGERR_LIBRARY; IMGERR_UNSUPPORTED for a name or settings that no
+    /// format has, for empty images and for those of more than 2^24 pixels a side or 2^26 tiles.
     ImgError finish();
 
 private:

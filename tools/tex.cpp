@@ -159,6 +159,15 @@ std::string make(const TexOptions& options, const std::string& name, Outcome& ou
     return written.code() == IMGERR_NONE ? std::string() : writeReason(written, errno);
 }
 
+/// Why nothing of that kind may become a texture; empty for files, and for what is not there.
+std::string obstacleOf(const std::string& name)
+{
+    struct stat status;
+    const bool isPipe
+        = ::stat(name.c_str(), &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
+    return isPipe ? "a texture is not written from its beginning to its end, as a pipe needs it" : "";
+}
+
 /// An ExitCode.
 int write(const TexOptions& options, Outcome& outcome, const std::string& comment)
 {
@@ -203,6 +212,10 @@ int tex(const TexOptions& options)
     if (!wrong.empty()) {
         reportMessage(wrong);
         return EXIT_USAGE;
+    }
+    if (const std::string obstacle = obstacleOf(options.out); !obstacle.empty()) {
+        reportFailure(options.out, cannotWrite, obstacle);
+        return EXIT_FILE;
     }
     Outcome outcome;
     if (const int exitCode = prepare(options, outcome); exitCode != EXIT_DONE)

@@ -7,10 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <fcntl.h>
 #include <functional>
 #include <limits>
 #include <malloc.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -208,6 +212,22 @@ TEST_F(TextureLimits, DwaaLosesLeastAtLevelZeroAndKeepsColourAsHalfs)
     EXPECT_LT(worst(0, TextureSample::Half), 0.003);
     EXPECT_GT(worst(0, TextureSample::Float), 1e-5);
     EXPECT_LT(worst(0, TextureSample::Half), worst(200, TextureSample::Half));
+}
+
+TEST_F(TextureLimits, APipeIsRefusedBeforeAnythingIsDone)
+{
+    for (const char* name : { "pipe.exr", "pipe.tif" }) {
+        const std::string pipe = m_dir / name;
+        ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+        const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
+        TextureWriter writer(pipe.c_str(), settingsOf(TextureSample::Float, 3));
+        writer.init(4, 4);
+        EXPECT_EQ(writer.isValid(), 0);
+        errno = 0;
+        EXPECT_EQ(writer.finish().code(), IMGERR_OPEN);
+        EXPECT_EQ(errno, ESPIPE);
+        close(reader);
+    }
 }
 
 } // namespace

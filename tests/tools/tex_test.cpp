@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <sys/stat.h>
 
 namespace {
 
@@ -361,6 +362,18 @@ TEST_F(ToolTex, AFullDiskEndsTheReading)
     EXPECT_EQ(tex(in, m_tif, options).err,
         "rastkit: " + in + ": cannot be read: its pixels are cut short or damaged\n");
     EXPECT_EQ(countFiles(), 1u);
+}
+
+TEST_F(ToolTex, APipeIsNoTarget)
+{
+    const std::string in = make("in.tga", pictureOf(8, 8).bytes());
+    ASSERT_EQ(mkfifo(m_exr.c_str(), 0600), 0); // Opening it would wait for a reader.
+    const ProgramResult result = tex(in, m_exr);
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(result.err,
+        "rastkit: " + m_exr
+            + ": cannot be written: a texture is not written from its beginning to its end, as a pipe needs "
+              "it\n");
 }
 
 } // namespace
