@@ -204,6 +204,13 @@ bool isMadeOf(const std::string& name, const std::string& comment)
     return QUtils::readImageComment(name.c_str()) == comment && hasItsEnd(name);
 }
 
+/// OpenEXR files are taken for linear light as a rule.
+bool keepsCurveUnasked(const TexOptions& options, const TextureSettings& settings)
+{
+    return *textureFormatOf(options.out) == 'e' && settings.isSrgb && !settings.makeLinear
+        && options.colour.empty();
+}
+
 int tex(const TexOptions& options)
 {
     std::string wrong = options.check();
@@ -226,6 +233,10 @@ int tex(const TexOptions& options)
     const int exitCode = isUpToDate ? int(EXIT_DONE) : write(options, outcome, comment);
     if (exitCode != EXIT_DONE)
         return exitCode;
+    if (!isUpToDate && keepsCurveUnasked(options, outcome.settings))
+        reportMessage(options.out
+            + ": colour is stored by the curve of sRGB (--to-linear stores linear light, --colour srgb says "
+              "that this is meant)");
     if (options.json)
         printJson(toJson(options, outcome));
     else if (options.update)

@@ -151,7 +151,8 @@ void TexOptions::declare(CLI::App& command)
         ->capture_default_str();
     command.add_option("--colour,--color", colour,
         "what the source's colour is, srgb or linear (without it: srgb for whole numbers of up to 16 bits)");
-    command.add_flag("--to-linear", toLinear, "store sRGB colour in linear light");
+    command.add_flag("--to-linear", toLinear,
+        "store sRGB colour in linear light; without it OpenEXR textures too keep the values of the curve");
     command
         .add_option("--alpha", alpha,
             "what the source's alpha is: " + listOf(tableAlphas)

@@ -376,4 +376,14 @@ TEST_F(ToolTex, APipeIsNoTarget)
               "it\n");
 }
 
+TEST_F(ToolTex, ThatOpenExrKeepsTheCurveIsSaidUnlessItIsMeant)
+{
+    const std::string in = make("in.tga", pictureOf(8, 8).bytes());
+    EXPECT_NE(tex(in, m_exr).err.find("--to-linear"), std::string::npos);
+    for (const Arguments& options :
+        { Arguments { "--to-linear" }, Arguments { "--colour", "srgb" }, Arguments { "--colour", "linear" } })
+        EXPECT_EQ(tex(in, m_exr, options).err, "");
+    EXPECT_EQ(tex(m_exr, m_dir / "again.exr").err, "");
+}
+
 } // namespace
