@@ -8,12 +8,15 @@
 #include "tools/tex_options.h"
 #include "tools/threads.h"
 
+#include "rastkit/buffers.h"
 #include "rastkit/image/image_comment.h"
 #include "rastkit/image/standard_load.h"
+#include "rastkit/tiles.h"
 
 #include <cerrno>
 #include <iostream>
 #include <memory>
+#include <sys/stat.h>
 
 namespace tool {
 
@@ -36,31 +39,37 @@ public:
         m_height = height;
         m_done = 0;
         m_texture.init(width, height);
-        m_isRefused = m_texture.isValid() == 0;
+        m_hasFailed = m_texture.isValid() == 0;
     }
     int isValid() override { return m_texture.isValid(); }
     void freeMem() override { m_texture.freeMem(); }
     void setPixelF(int x, int y, const float* rgba) override { setRowF(x, y, 1, rgba); }
     void setPixel(int x, int y, unsigned int argb) override { setRow(x, y, 1, &argb); }
+    /// Throws IMGERR_WRITE when the texture has failed: the rest of the source need not be read.
     void setRow(int x, int y, int count, const unsigned int* argb) override
     {
         m_texture.setRow(x, y, count, argb);
         advance(count);
     }
+    /// The same.
     void setRowF(int x, int y, int count, const float* rgba) override
     {
         m_texture.setRowF(x, y, count, rgba);
         advance(count);
     }
 
-    /// Whether the texture could not even be begun, whose reason it knows.
-    bool isRefused() const { return m_isRefused; }
+    /// Whether the texture could not be begun or gone on with; it knows why.
+    bool hasFailed() const { return m_hasFailed; }
     int width() const { return m_width; }
     int height() const { return m_height; }
 
 private:
     void advance(int count)
     {
+        if (m_texture.isValid() == 0) {
+            m_hasFailed = true;
+            throw IMGERR_WRITE;
+        }
         m_done += std::uint64_t(count);
         m_progress.update(m_done, std::uint64_t(m_width) * std::uint64_t(m_height));
     }
@@ -69,8 +78,18 @@ private:
     Progress m_progress;
     int m_width = 0, m_height = 0;
     std::uint64_t m_done = 0;
-    bool m_isRefused = false;
+    bool m_hasFailed = false;
 };
+
+/// Reads an image; what the sink throws is the result too.
+ImgError load(const std::string& name, TextureSink& sink)
+{
+    try {
+        return QUtils::loadStandard(name.c_str(), sink, nullptr);
+    } catch (const ImgErrorCode code) {
+        return code;
+    }
+}
 
 /// What was made of what.
 struct Outcome {
@@ -83,7 +102,8 @@ struct Outcome {
 Json toJson(const TexOptions& options, const Outcome& outcome)
 {
     Json json { { "in", options.in }, { "out", options.out }, { "written", outcome.isWritten },
-        { "sha1", outcome.hash }, { "settings", describeSettings(outcome.settings) } };
+        { "sha1", outcome.hash },
+        { "settings", describeSettings(outcome.settings, textureFormatOf(options.out)) } };
     if (outcome.isWritten) {
         json["width"] = outcome.width;
         json["height"] = outcome.height;
@@ -91,6 +111,14 @@ Json toJson(const TexOptions& options, const Outcome& outcome)
     json["channels"] = outcome.settings.channels;
     json["sample"] = nameOf(outcome.settings.sample);
     return json;
+}
+
+/// Whether both names stand for one file, by whatever links.
+bool isSameFile(const std::string& one, const std::string& other)
+{
+    struct stat first, second;
+    return ::stat(one.c_str(), &first) == 0 && ::stat(other.c_str(), &second) == 0
+        && first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 /// Looks at the source, and chooses the settings. An ExitCode.
@@ -106,10 +134,7 @@ int prepare(const TexOptions& options, Outcome& outcome)
         reportFailure(options.in, cannotRead, inWords(error));
         return EXIT_FILE;
     }
-    if (const std::string obstacle = options.resolve(source, outcome.settings); !obstacle.empty()) {
-        reportFailure(options.out, cannotWrite, obstacle);
-        return EXIT_USAGE;
-    }
+    outcome.settings = options.resolve(source);
     std::string obstacle;
     outcome.hash = hashFile(options.in, obstacle);
     if (!obstacle.empty())
@@ -123,8 +148,8 @@ std::string make(const TexOptions& options, const std::string& name, Outcome& ou
 {
     TextureWriter texture(name.c_str(), outcome.settings);
     TextureSink sink(texture, options.out);
-    const ImgError read = QUtils::loadStandard(options.in.c_str(), sink, nullptr);
-    isRead = read.code() == IMGERR_NONE || sink.isRefused();
+    const ImgError read = load(options.in, sink);
+    isRead = read.code() == IMGERR_NONE || sink.hasFailed();
     if (!isRead)
         return inWords(read);
     errno = 0;
@@ -132,6 +157,15 @@ std::string make(const TexOptions& options, const std::string& name, Outcome& ou
     outcome.width = sink.width();
     outcome.height = sink.height();
     return written.code() == IMGERR_NONE ? std::string() : writeReason(written, errno);
+}
+
+/// Why nothing of that kind may become a texture; empty for files, and for what is not there.
+std::string obstacleOf(const std::string& name)
+{
+    struct stat status;
+    const bool isPipe
+        = ::stat(name.c_str(), &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
+    return isPipe ? "a texture is not written from its beginning to its end, as a pipe needs it" : "";
 }
 
 /// An ExitCode.
@@ -149,16 +183,60 @@ int write(const TexOptions& options, Outcome& outcome, const std::string& commen
     return obstacle.empty() ? EXIT_DONE : EXIT_FILE;
 }
 
+/// Whether the end of a texture that this program wrote is there. TIFF has its text there; OpenEXR has it at
+/// the beginning, and at the end the tile of the smallest level.
+bool hasItsEnd(const std::string& name)
+{
+    if (*textureFormatOf(name) == 't')
+        return true;
+    EXRTileLoaderParams texture;
+    if (LoadEXRHeaderEx(name.c_str(), texture).code() != IMGERR_NONE || !texture.isMipmapped)
+        return false;
+    texture.fileName = name.c_str();
+    QUtils::ImageF tile;
+    tile.init(texture.tileWidth, texture.tileHeight);
+    return tile.isValid() && texture.loadTile(0, 0, texture.numLevels - 1, tile).code() == IMGERR_NONE;
+}
+
+/// Whether a texture is there, as a whole, that has that text.
+bool isMadeOf(const std::string& name, const std::string& comment)
+{
+    return QUtils::readImageComment(name.c_str()) == comment && hasItsEnd(name);
+}
+
+/// OpenEXR files are taken for linear light as a rule.
+bool keepsCurveUnasked(const TexOptions& options, const TextureSettings& settings)
+{
+    return *textureFormatOf(options.out) == 'e' && settings.isSrgb && !settings.makeLinear
+        && options.colour.empty();
+}
+
 int tex(const TexOptions& options)
 {
+    std::string wrong = options.check();
+    if (wrong.empty() && isSameFile(options.in, options.out))
+        wrong = options.out + " is the source itself";
+    if (!wrong.empty()) {
+        reportMessage(wrong);
+        return EXIT_USAGE;
+    }
+    if (const std::string obstacle = obstacleOf(options.out); !obstacle.empty()) {
+        reportFailure(options.out, cannotWrite, obstacle);
+        return EXIT_FILE;
+    }
     Outcome outcome;
     if (const int exitCode = prepare(options, outcome); exitCode != EXIT_DONE)
         return exitCode;
-    const std::string comment = describeSettings(outcome.settings) + " SHA-1=" + outcome.hash;
-    const bool isUpToDate = options.update && QUtils::readImageComment(options.out.c_str()) == comment;
+    const std::string comment
+        = describeSettings(outcome.settings, textureFormatOf(options.out)) + " SHA-1=" + outcome.hash;
+    const bool isUpToDate = options.update && isMadeOf(options.out, comment);
     const int exitCode = isUpToDate ? int(EXIT_DONE) : write(options, outcome, comment);
     if (exitCode != EXIT_DONE)
         return exitCode;
+    if (!isUpToDate && keepsCurveUnasked(options, outcome.settings))
+        reportMessage(options.out
+            + ": colour is stored by the curve of sRGB (--to-linear stores linear light, --colour srgb says "
+              "that this is meant)");
     if (options.json)
         printJson(toJson(options, outcome));
     else if (options.update)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cmath>
 #include <iterator>
 #include <sstream>
 #include <utility>
@@ -28,6 +29,11 @@ constexpr Named<MipFilter> tableFilters[] = { { "box", MipFilter::Box }, { "tria
 constexpr Named<TextureWrap> tableWraps[]
     = { { "clamp", TextureWrap::Clamp }, { "periodic", TextureWrap::Periodic },
           { "mirror", TextureWrap::Mirror }, { "black", TextureWrap::Black } };
+/// What the source's alpha is.
+enum class Alpha { Auto, Straight, Premultiplied, Ignored };
+
+constexpr Named<Alpha> tableAlphas[] = { { "auto", Alpha::Auto }, { "straight", Alpha::Straight },
+    { "premultiplied", Alpha::Premultiplied }, { "ignore", Alpha::Ignored } };
 constexpr Named<TextureSample> tableSamples[] = { { "8", TextureSample::Byte },
     { "16", TextureSample::Short }, { "half", TextureSample::Half }, { "float", TextureSample::Float } };
 constexpr Named<TextureCompression> tableCompressions[]
@@ -145,14 +151,20 @@ void TexOptions::declare(CLI::App& command)
         ->capture_default_str();
     command.add_option("--colour,--color", colour,
         "what the source's colour is, srgb or linear (without it: srgb for whole numbers of up to 16 bits)");
-    command.add_flag("--to-linear", toLinear, "store sRGB colour in linear light");
+    command.add_flag("--to-linear", toLinear,
+        "store sRGB colour in linear light; without it OpenEXR textures too keep the values of the curve");
+    command
+        .add_option("--alpha", alpha,
+            "what the source's alpha is: " + listOf(tableAlphas)
+                + " (auto: straight for PNG, TGA, BMP, PSD and DDS; straight colour is multiplied by alpha, "
+                  "and "
+                  "what is ignored is not written)")
+        ->capture_default_str();
     command.add_option("--sample", sample,
         "stored samples: " + listOf(tableSamples) + " (without it: what holds the source's)");
     command.add_option(
         "--compression", compression, listOf(tableCompressions) + " (without it: zip, which is deflate)");
-    command.add_option("--dwa-level", dwaLevel, "loss of dwaa, 0 for none")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
+    command.add_option("--dwa-level", dwaLevel, "loss of dwaa, 0 for the least")->capture_default_str();
     command.add_option("--threads", threads, "threads to use (without it: as many as there are)")
         ->check(CLI::Range(1, 256));
     command.add_flag(
@@ -161,11 +173,25 @@ void TexOptions::declare(CLI::App& command)
     command.add_flag("--sync", sync, "wait until the file is safe from a power cut");
 }
 
-std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSettings& settings) const
+std::string TexOptions::check() const
+{
+    TextureSettings settings;
+    return read({}, settings); // What suits a source suits the format.
+}
+
+TextureSettings TexOptions::resolve(const QUtils::SourcePixels& source) const
+{
+    TextureSettings settings;
+    static_cast<void>(read(source, settings));
+    return settings;
+}
+
+/// The settings, or what is wrong.
+std::string TexOptions::read(const QUtils::SourcePixels& source, TextureSettings& settings) const
 {
     const Target target = targetOf(out);
     if (target == Target::None)
-        return "its extension is none of exr, tif, tiff";
+        return out + ": the extension is none of exr, tif, tiff";
     const auto [width, height] = splitPair(tile, 'x');
     if (!readNumber(width, settings.tileWidth) || !readNumber(height, settings.tileHeight))
         return "--tile takes N or WxH";
@@ -182,23 +208,48 @@ std::string TexOptions::resolve(const QUtils::SourcePixels& source, TextureSetti
         return "--compression takes one of " + listOf(tableCompressions);
     if (!colour.empty() && colour != "srgb" && colour != "linear")
         return "--colour takes srgb or linear";
-    // The tile loader has grey with alpha from TIFF in 8 bits only.
-    settings.channels = target == Target::Tiff && source.channels == 2 ? 4 : source.channels;
+    Alpha how = Alpha::Auto;
+    if (!find(tableAlphas, alpha, how))
+        return "--alpha takes one of " + listOf(tableAlphas);
+    settings.channels = source.channels;
+    if (how == Alpha::Ignored && source.channels % 2 == 0)
+        --settings.channels;
+    // TIFF textures have no grey with alpha.
+    if (target == Target::Tiff && settings.channels == 2)
+        settings.channels = 4;
+    settings.multiplyAlpha
+        = settings.channels % 2 == 0 && (how == Alpha::Straight || (how == Alpha::Auto && source.isStraight));
     settings.isSrgb = colour.empty() ? source.isInteger() : colour == "srgb";
     settings.makeLinear = toLinear;
     settings.dwaLevel = dwaLevel;
+    if (!std::isfinite(dwaLevel) || dwaLevel < 0)
+        return "--dwa-level takes a number from 0 on";
     std::string obstacle = checkTile(settings, target);
     return obstacle.empty() ? checkFormat(settings, target) : obstacle;
 }
 
-std::string describeSettings(const TextureSettings& settings)
+const char* textureFormatOf(const std::string& name)
+{
+    switch (targetOf(name)) {
+    case Target::Exr: return "exr";
+    case Target::Tiff: return "tiff";
+    case Target::None: break;
+    }
+    return "";
+}
+
+std::string describeSettings(const TextureSettings& settings, const char* format)
 {
     std::ostringstream text;
-    text << "rastkit tex 1 channels=" << settings.channels << " sample=" << nameOf(settings.sample)
-         << " tile=" << settings.tileWidth << 'x' << settings.tileHeight
-         << " filter=" << nameIn(tableFilters, settings.filter)
+    text << "rastkit tex 1 format=" << format << " channels=" << settings.channels
+         << " sample=" << nameOf(settings.sample) << " tile=" << settings.tileWidth << 'x'
+         << settings.tileHeight << " filter=" << nameIn(tableFilters, settings.filter)
          << " wrap=" << nameIn(tableWraps, settings.wrapX) << ',' << nameIn(tableWraps, settings.wrapY)
          << " colour=" << (settings.isSrgb ? settings.makeLinear ? "srgb-to-linear" : "srgb" : "linear")
+         << " alpha="
+         << (settings.channels % 2 != 0      ? "none"
+                    : settings.multiplyAlpha ? "straight"
+                                             : "premultiplied")
          << " compression=" << nameIn(tableCompressions, settings.compression);
     if (settings.compression == TextureCompression::Dwaa)
         text << " dwa-level=" << settings.dwaLevel;

@@ -31,14 +31,20 @@ SourcePixels pixelsOf(const TiffTags& tags)
 {
     const bool isGrey = tags.photometric == PHOTOMETRIC_MINISWHITE
         || tags.photometric == PHOTOMETRIC_MINISBLACK || tags.photometric == PHOTOMETRIC_LOGL;
-    return { sampleOf(tags), (isGrey ? 1 : 3) + (tags.alphaSample >= 0 ? 1 : 0) };
+    return { sampleOf(tags), (isGrey ? 1 : 3) + (tags.alphaSample >= 0 ? 1 : 0), false };
+}
+
+bool isStraight(ImgType type)
+{
+    return type == IMGTYPE_PNG || type == IMGTYPE_TGA || type == IMGTYPE_BMP || type == IMGTYPE_PSD
+        || type == IMGTYPE_DDS;
 }
 
 /// Formats whose description says it all, but for what is not alpha although it is a fourth channel.
 SourcePixels pixelsOf(const IMGINFO& info, ImgType type)
 {
     const unsigned bits = unsigned(info.bitsPerPixel / std::max(info.numChannels, 1));
-    SourcePixels pixels { integerOf(bits), std::clamp(info.numChannels, 1, 4) };
+    SourcePixels pixels { integerOf(bits), std::clamp(info.numChannels, 1, 4), isStraight(type) };
     const bool hasFloats = type == IMGTYPE_EXR || type == IMGTYPE_HDR;
     if (hasFloats)
         pixels.sample = bits == 16 ? SourceSample::Half : SourceSample::Float;

@@ -14,6 +14,8 @@ enum class SourceSample : std::uint8_t { Byte, Short, Half, Float };
 struct SourcePixels {
     SourceSample sample = SourceSample::Float;
     int channels = 4; ///< 1 grey, 2 grey and alpha, 3 colour, 4 colour and alpha.
+    /// Colours are not multiplied by alpha, as a rule of the format: PNG, TGA, BMP, PSD, DDS.
+    bool isStraight = false;
 
     /// Whole numbers of up to 16 bits, as pictures for screens have them.
     bool isInteger() const { return sample == SourceSample::Byte || sample == SourceSample::Short; }

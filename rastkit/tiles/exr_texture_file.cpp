@@ -3,6 +3,7 @@
 #include "rastkit/exr/exr_library.h"
 #include "rastkit/tiles/wrap_names.h"
 
+#include <Iex.h>
 #include <ImfChannelList.h>
 #include <ImfFloatAttribute.h>
 #include <ImfFrameBuffer.h>
@@ -64,23 +65,61 @@ private:
     std::uint64_t m_position = 0;
 };
 
-/// A file of the same header in memory, from which the bytes of tiles are taken.
-class ExrTileEncoder : public TileEncoder {
+Imf::Compression compressionOf(TextureCompression compression)
+{
+    switch (compression) {
+    case TextureCompression::None: return Imf::NO_COMPRESSION;
+    case TextureCompression::Piz: return Imf::PIZ_COMPRESSION;
+    case TextureCompression::Dwaa: return Imf::DWAA_COMPRESSION;
+    default: return Imf::ZIP_COMPRESSION;
+    }
+}
+
+/// The header of an image of such a size that says all of its tiles that there is to their bytes.
+Imf::Header makeTilesHeader(const TextureLayout& layout, const TextureSettings& settings, int width,
+    int height, const Imf::TileDescription& tiles)
+{
+    Imf::Header header(
+        width, height, 1.0f, Imath::V2f(0, 0), 1.0f, Imf::RANDOM_Y, compressionOf(settings.compression));
+    header.setTileDescription(tiles);
+    const Imf::PixelType type = layout.sample == TextureSample::Half ? Imf::HALF : Imf::FLOAT;
+    for (int c = 0; c < layout.channels; ++c)
+        header.channels().insert(channelsOf(layout)[c], Imf::Channel(type));
+    if (settings.compression == TextureCompression::Dwaa)
+        header.dwaCompressionLevel() = settings.dwaLevel;
+    return header;
+}
+
+/// A file in memory of tiles of one size below each other, from which their bytes are taken. OpenEXR takes
+/// each tile of a file once.
+class ExrTileFile {
 public:
-    ExrTileEncoder(const TextureLayout& layout, const Imf::Header& header)
-        : m_layout(layout), m_file(m_stream, header, 0)
+    static constexpr int mostTiles = 256;
+
+    ExrTileFile(const TextureLayout& layout, const TextureSettings& settings, int width, int height)
+        : m_layout(layout), m_width(width), m_height(height),
+          m_file(m_stream,
+              makeTilesHeader(layout, settings, width, height * mostTiles,
+                  { unsigned(width), unsigned(height), Imf::ONE_LEVEL, Imf::ROUND_DOWN }),
+              0)
     {
     }
 
-    ImgErrorCode encode(const TilePixels& tile, std::vector<std::uint8_t>& bytes) override
+    bool isUsedUp() const { return m_nextTile == mostTiles; }
+    std::size_t pixels() const { return std::size_t(m_width) * std::size_t(m_height); }
+    bool isFor(const TilePixels& tile) const { return m_width == tile.width && m_height == tile.height; }
+
+    void encode(const TilePixels& tile, std::vector<std::uint8_t>& bytes)
     {
-        return fenced([&] {
-            m_stream.bytes().clear();
-            attach(tile);
-            m_file.writeTile(tile.tx, tile.ty, tile.level);
-            bytes.assign(m_stream.bytes().begin(), m_stream.bytes().end());
-            return IMGERR_NONE;
-        });
+        m_stream.bytes().clear();
+        attach(tile);
+        m_file.writeTile(0, m_nextTile++);
+        bytes.assign(m_stream.bytes().begin(), m_stream.bytes().end());
+        // Where the tile is in the texture, as four numbers with the least significant byte first.
+        const std::int32_t place[] = { tile.tx, tile.ty, tile.level, tile.level };
+        if (bytes.size() < sizeof place)
+            throw Iex::LogicExc("no tile");
+        std::memcpy(bytes.data(), place, sizeof place);
     }
 
 private:
@@ -98,19 +137,65 @@ private:
     }
 
     const TextureLayout& m_layout;
+    int m_width, m_height; ///< Of a tile.
     MemoryStream m_stream;
+    int m_nextTile = 0;
     Imf::TiledOutputFile m_file;
 };
 
-Imf::Compression compressionOf(TextureCompression compression)
-{
-    switch (compression) {
-    case TextureCompression::None: return Imf::NO_COMPRESSION;
-    case TextureCompression::Piz: return Imf::PIZ_COMPRESSION;
-    case TextureCompression::Dwaa: return Imf::DWAA_COMPRESSION;
-    default: return Imf::ZIP_COMPRESSION;
+/// Has a file for each size of tiles that was met lately: whole ones, and those cut at the edges of levels.
+/// Their memory does not depend on how many tiles the texture has.
+class ExrTileEncoder : public TileEncoder {
+public:
+    ExrTileEncoder(const TextureLayout& layout, const TextureSettings& settings)
+        : m_layout(layout), m_settings(settings)
+    {
     }
-}
+
+    ImgErrorCode encode(const TilePixels& tile, std::vector<std::uint8_t>& bytes) override
+    {
+        return fenced([&] {
+            fileFor(tile).encode(tile, bytes);
+            return IMGERR_NONE;
+        });
+    }
+
+private:
+    using Files = std::vector<std::unique_ptr<ExrTileFile>>;
+
+    static constexpr std::size_t mostFiles = 16, mostWholeTiles = 4;
+
+    ExrTileFile& fileFor(const TilePixels& tile)
+    {
+        const auto found = std::find_if(
+            m_files.begin(), m_files.end(), [&](const auto& file) { return file->isFor(tile); });
+        if (found != m_files.end() && !(*found)->isUsedUp())
+            return **found;
+        if (found != m_files.end())
+            m_files.erase(found);
+        makeRoom(std::size_t(tile.width) * std::size_t(tile.height));
+        m_files.push_back(std::make_unique<ExrTileFile>(m_layout, m_settings, tile.width, tile.height));
+        return *m_files.back();
+    }
+
+    /// Lets go of the oldest files until those that are left and one more have few pixels.
+    void makeRoom(std::size_t pixels)
+    {
+        const TextureLevel& largest = m_layout.levels.front();
+        const std::size_t most
+            = mostWholeTiles * std::size_t(largest.tileWidth) * std::size_t(largest.tileHeight);
+        for (const auto& file : m_files)
+            pixels += file->pixels();
+        while (!m_files.empty() && (m_files.size() >= mostFiles || pixels > most)) {
+            pixels -= m_files.front()->pixels();
+            m_files.erase(m_files.begin());
+        }
+    }
+
+    const TextureLayout& m_layout;
+    const TextureSettings& m_settings;
+    Files m_files; // The oldest first.
+};
 
 } // namespace
 
@@ -123,15 +208,8 @@ ExrTextureFile::ExrTextureFile(
 Imf::Header ExrTextureFile::makeHeader(const TextureRange& range) const
 {
     const TextureLevel& largest = m_layout.levels.front();
-    Imf::Header header(largest.width, largest.height, 1.0f, Imath::V2f(0, 0), 1.0f, Imf::RANDOM_Y,
-        compressionOf(m_settings.compression));
-    header.setTileDescription(Imf::TileDescription(
-        unsigned(largest.tileWidth), unsigned(largest.tileHeight), Imf::MIPMAP_LEVELS, Imf::ROUND_DOWN));
-    const Imf::PixelType type = m_layout.sample == TextureSample::Half ? Imf::HALF : Imf::FLOAT;
-    for (int c = 0; c < m_layout.channels; ++c)
-        header.channels().insert(channelsOf(m_layout)[c], Imf::Channel(type));
-    if (m_settings.compression == TextureCompression::Dwaa)
-        header.dwaCompressionLevel() = m_settings.dwaLevel;
+    Imf::Header header = makeTilesHeader(m_layout, m_settings, largest.width, largest.height,
+        { unsigned(largest.tileWidth), unsigned(largest.tileHeight), Imf::MIPMAP_LEVELS, Imf::ROUND_DOWN });
     if (!m_comment.empty())
         Imf::addComments(header, m_comment);
     header.insert("wrapmodes", Imf::StringAttribute(wrapModes(m_settings)));
@@ -170,18 +248,26 @@ ImgErrorCode ExrTextureFile::begin(const char* name)
             first += std::size_t(level.tilesX()) * std::size_t(level.tilesY());
         }
         m_offsets.assign(first, 0);
-        m_header = makeHeader({});
-        m_headBytes = makeHead(m_header).size();
+        m_headBytes = makeHead(makeHeader({})).size();
         return IMGERR_NONE;
     });
     if (code != IMGERR_NONE)
         return code;
-    return m_output.open(name) ? writeHead({}) : IMGERR_OPEN;
+    if (!m_output.open(name))
+        return IMGERR_OPEN;
+    // The head comes last: what is not finished must not look like a texture.
+    constexpr char zeros[1 << 14] = {};
+    for (std::size_t left = m_headBytes, count = 0; left != 0; left -= count) {
+        count = std::min(left, sizeof zeros);
+        if (!m_output.append(zeros, count))
+            return IMGERR_WRITE;
+    }
+    return IMGERR_NONE;
 }
 
 std::unique_ptr<TileEncoder> ExrTextureFile::makeEncoder() const
 {
-    return std::make_unique<ExrTileEncoder>(m_layout, m_header);
+    return std::make_unique<ExrTileEncoder>(m_layout, m_settings);
 }
 
 ImgErrorCode ExrTextureFile::append(int level, int tx, int ty, const std::vector<std::uint8_t>& bytes)
@@ -192,7 +278,7 @@ ImgErrorCode ExrTextureFile::append(int level, int tx, int ty, const std::vector
     return m_output.append(bytes.data(), bytes.size()) ? IMGERR_NONE : IMGERR_WRITE;
 }
 
-/// Writes the head, for the first time or over the one that is there, which has the same size.
+/// Writes the head into the room that is left for it.
 ImgErrorCode ExrTextureFile::writeHead(const TextureRange& range)
 {
     return fenced([&] {
@@ -202,10 +288,7 @@ ImgErrorCode ExrTextureFile::writeHead(const TextureRange& range)
             return IMGERR_LIBRARY;
         // As the file has them: with the least significant byte first.
         std::memcpy(head.data() + head.size() - offsetBytes, m_offsets.data(), offsetBytes);
-        const bool isFirst = m_output.size() == 0;
-        const bool isWritten = isFirst ? m_output.append(head.data(), head.size())
-                                       : m_output.replace(0, head.data(), head.size());
-        return isWritten ? IMGERR_NONE : IMGERR_WRITE;
+        return m_output.replace(0, head.data(), head.size()) ? IMGERR_NONE : IMGERR_WRITE;
     });
 }
 

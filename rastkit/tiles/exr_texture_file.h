@@ -10,7 +10,7 @@ namespace QUtils {
 
 /// A mip-mapped OpenEXR file. Its tiles stand in the order in which they come, which the header says, so that
 /// no tile waits for another level's. The attributes minValue and maxValue (floats), minValueVec and
-/// maxValueVec (three floats) tell the range of the largest level.
+/// maxValueVec (three floats) tell the range of all levels.
 class ExrTextureFile : public TextureFile {
 public:
     /// Layout, settings and comment are the caller's and outlive this object.
@@ -29,7 +29,6 @@ private:
     const TextureLayout& m_layout;
     const TextureSettings& m_settings;
     const std::string& m_comment;
-    Imf::Header m_header; ///< As it is while the range is not known.
     std::vector<std::uint64_t> m_offsets; ///< Of all tiles, level by level.
     std::vector<std::size_t> m_firstOffsets; ///< Of each level.
     std::size_t m_headBytes = 0;

@@ -47,13 +47,20 @@ double radiusOf(MipFilter filter)
     return 0.5;
 }
 
+/// How much of the pixel at `position` lies in an interval of that length; nothing where it is but rounding,
+/// since NaN and infinity count with any weight.
+double overlap(double position, double centre, double length)
+{
+    const double end = std::min(position + 0.5, centre + length / 2),
+                 begin = std::max(position - 0.5, centre - length / 2);
+    return end - begin > 1e-9 * length ? end - begin : 0;
+}
+
 /// The weight of the pixel at `position` for a pixel whose centre is at `centre`.
 double weightAt(MipFilter filter, double position, double centre, double ratio)
 {
     switch (filter) {
-    case MipFilter::Box:
-        return std::max(
-            std::min(position + 0.5, centre + ratio / 2) - std::max(position - 0.5, centre - ratio / 2), 0.0);
+    case MipFilter::Box: return overlap(position, centre, ratio);
     case MipFilter::Triangle: return triangle((position - centre) / ratio);
     case MipFilter::Mitchell: return mitchell((position - centre) / ratio);
     case MipFilter::Lanczos3: return lanczos3((position - centre) / ratio);

@@ -47,18 +47,37 @@ void pickPacked(const unsigned int* argb, std::uint8_t* bytes, std::size_t pixel
 using PickPacked = void (*)(const unsigned int* argb, std::uint8_t* bytes, std::size_t pixels);
 constexpr PickPacked tablePickPacked[] = { pickPacked<1>, pickPacked<2>, pickPacked<3>, pickPacked<4> };
 
+/// What halfs reach: beyond are infinities, which filters would turn into NaN. NaN stays.
+float clampToHalf(float value)
+{
+    constexpr float most = 65504.0f;
+    return value > most ? most : value < -most ? -most : value;
+}
+
 float clampToUnit(float value)
 {
     return value > 0 ? std::min(value, 1.0f) : 0.0f; // NaN 0.
 }
 
+void storeHalfs(const float* samples, std::uint16_t* stored, std::size_t count)
+{
+    inBlocks(count, [&](std::size_t first, std::size_t block) {
+        float clamped[blockPixels];
+        for (std::size_t i = 0; i < block; ++i)
+            clamped[i] = clampToHalf(samples[first + i]);
+        pixelKernels().floatToHalf(clamped, stored + first, block);
+    });
+}
+
 } // namespace
 
-TexelCodec::TexelCodec(const TextureLayout& layout, bool isSrgb, bool makeLinear)
+TexelCodec::TexelCodec(const TextureLayout& layout, const TextureSettings& settings)
     : m_channels(std::size_t(layout.channels)), m_colours(std::size_t(layout.colours())),
-      m_sample(layout.sample), m_isCurved(isSrgb && !makeLinear), m_decodes(isSrgb && makeLinear)
+      m_sample(layout.sample), m_isCurved(settings.isSrgb && !settings.makeLinear),
+      m_decodes(settings.isSrgb && settings.makeLinear),
+      m_multiplies(settings.multiplyAlpha && layout.hasAlpha())
 {
-    if (isSrgb)
+    if (settings.isSrgb)
         for (int byte = 0; byte < 256; ++byte)
             m_byteLight.push_back(float(decodeSrgb(byte / 255.0)));
     if (!m_isCurved)
@@ -82,7 +101,7 @@ TexelCodec::TexelCodec(const TextureLayout& layout, bool isSrgb, bool makeLinear
 
 void TexelCodec::store(const unsigned int* argb, std::uint8_t* stored, std::size_t pixels) const
 {
-    if (m_sample == TextureSample::Byte && !m_decodes) {
+    if (m_sample == TextureSample::Byte && !m_decodes && !m_multiplies) {
         tablePickPacked[m_channels - 1](argb, stored, pixels);
         return;
     }
@@ -95,6 +114,8 @@ void TexelCodec::store(const unsigned int* argb, std::uint8_t* stored, std::size
             for (std::size_t i = 0; i < count * m_channels; ++i)
                 if (i % m_channels < m_colours)
                     samples[i] = m_byteLight[bytes[i]];
+        if (m_multiplies)
+            multiply(samples, count);
         storeSamples(samples, stored + first * m_channels * bytesOf(m_sample), count * m_channels);
     });
 }
@@ -106,6 +127,8 @@ void TexelCodec::store(const float* rgba, std::uint8_t* stored, std::size_t pixe
         pick(rgba + first * 4, samples, count);
         if (m_decodes)
             bend(samples, count, decodeSrgb);
+        if (m_multiplies)
+            multiply(samples, count);
         storeSamples(samples, stored + first * m_channels * bytesOf(m_sample), count * m_channels);
     });
 }
@@ -132,13 +155,27 @@ void TexelCodec::pick(const float* rgba, float* samples, std::size_t pixels) con
     }
 }
 
+/// Multiplies colours by alpha. Opaque pixels stay as they are, to the bit.
+void TexelCodec::multiply(float* samples, std::size_t pixels) const
+{
+    for (std::size_t i = 0; i < pixels; ++i, samples += m_channels) {
+        const float alpha = samples[m_colours];
+        if (alpha == 1)
+            continue;
+        for (std::size_t c = 0; c < m_colours; ++c)
+            samples[c] = m_isCurved && alpha != 0
+                ? float(encodeSrgb(decodeSrgb(double(samples[c])) * double(alpha)))
+                : samples[c] * alpha;
+    }
+}
+
 void TexelCodec::storeSamples(const float* samples, std::uint8_t* stored, std::size_t count) const
 {
     const PixelKernels& kernels = pixelKernels();
     switch (m_sample) {
     case TextureSample::Byte: kernels.floatToByte(samples, stored, count); break;
     case TextureSample::Short: kernels.floatToUInt16(samples, as<std::uint16_t>(stored), count); break;
-    case TextureSample::Half: kernels.floatToHalf(samples, as<std::uint16_t>(stored), count); break;
+    case TextureSample::Half: storeHalfs(samples, as<std::uint16_t>(stored), count); break;
     case TextureSample::Float: std::memcpy(stored, samples, count * sizeof(float)); break;
     }
 }

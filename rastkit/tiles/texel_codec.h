@@ -16,7 +16,7 @@ namespace QUtils {
 class TexelCodec {
 public:
     /// Throws std::bad_alloc.
-    TexelCodec(const TextureLayout& layout, bool isSrgb, bool makeLinear);
+    TexelCodec(const TextureLayout& layout, const TextureSettings& settings);
 
     void store(const unsigned int* argb, std::uint8_t* stored, std::size_t pixels) const;
     void store(const float* rgba, std::uint8_t* stored, std::size_t pixels) const;
@@ -29,6 +29,7 @@ public:
 
 private:
     void pick(const float* rgba, float* samples, std::size_t pixels) const;
+    void multiply(float* samples, std::size_t pixels) const;
     void storeSamples(const float* samples, std::uint8_t* stored, std::size_t count) const;
     template <typename Curve> void bend(float* samples, std::size_t pixels, const Curve& curve) const;
     template <typename T> void lookUp(const T* stored, float* linear, std::size_t pixels) const;
@@ -38,6 +39,7 @@ private:
     TextureSample m_sample;
     bool m_isCurved; ///< Stored by the curve.
     bool m_decodes; ///< Handed over by the curve, stored in linear light.
+    bool m_multiplies; ///< Colour is multiplied by alpha when it is stored.
     std::vector<float> m_byteLight; ///< For each byte of sRGB its light.
     std::vector<float> m_light; ///< For each stored number its light, where it has two bytes.
     std::unique_ptr<SrgbNumbers> m_numbers;

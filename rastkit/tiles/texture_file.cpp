@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <limits>
 #include <new>
+#include <unistd.h>
 
 namespace QUtils {
 
@@ -13,7 +14,7 @@ bool TextureOutput::open(const char* name)
     constexpr std::size_t blockBytes = std::size_t(256) << 10;
     errno = 0;
     m_file = FilePtr(qutils_fopen(name, "wb"));
-    if (!m_file)
+    if (!m_file || ::lseek(fileno(m_file), 0, SEEK_CUR) < 0) // ESPIPE: the head is written last.
         return fail();
     m_block.reset(new (std::nothrow) char[blockBytes]);
     if (m_block) // Without it, it is only slower.

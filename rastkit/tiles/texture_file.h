@@ -31,6 +31,7 @@ public:
 /// operation answers whether all went well since the beginning.
 class TextureOutput {
 public:
+    /// ESPIPE for pipes and the like, in which nothing can be written anew.
     [[nodiscard]] bool open(const char* name);
     [[nodiscard]] bool append(const void* bytes, std::size_t count);
     /// Replaces bytes that are there.

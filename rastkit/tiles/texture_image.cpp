@@ -6,6 +6,7 @@
 #include "rastkit/tiles/tiff_texture_file.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 namespace QUtils {
@@ -21,11 +22,16 @@ bool isTileSize(int size, TextureFormat format)
 }
 
 /// A level that is within one tile has that as small as TIFF takes it; not the largest level, since its tiles
-/// say what is one.
+/// say what is one. Tiles of OpenEXR are no larger than the largest level: readers take memory for whole
+/// ones.
 TextureLevel levelOf(int number, int width, int height, const TextureSettings& settings, TextureFormat format)
 {
     TextureLevel level { MipPyramid::sizeAt(number, width), MipPyramid::sizeAt(number, height),
         settings.tileWidth, settings.tileHeight };
+    if (format == TextureFormat::Exr) {
+        level.tileWidth = std::min(level.tileWidth, width);
+        level.tileHeight = std::min(level.tileHeight, height);
+    }
     const bool isOneTile = level.width <= level.tileWidth && level.height <= level.tileHeight;
     if (format == TextureFormat::Tiff && number > 0 && isOneTile) {
         level.tileWidth = (level.width + tiffTileStep - 1) / tiffTileStep * tiffTileStep;
@@ -66,14 +72,16 @@ ImgErrorCode checkSettings(const TextureSettings& settings, TextureFormat format
     const bool isExrs
         = settings.compression == TextureCompression::Piz || settings.compression == TextureCompression::Dwaa;
     if (!isTileSize(settings.tileWidth, format) || !isTileSize(settings.tileHeight, format)
-        || settings.channels < 1 || settings.channels > 4 || settings.filter > MipFilter::Mitchell
-        || settings.wrapX > TextureWrap::Black || settings.wrapY > TextureWrap::Black)
+        || settings.channels < 1 || settings.channels > 4 || (!isExr && settings.channels == 2)
+        || settings.filter > MipFilter::Mitchell || settings.wrapX > TextureWrap::Black
+        || settings.wrapY > TextureWrap::Black)
         return IMGERR_UNSUPPORTED;
     if (isExr ? !isHalf && !isFloat : !isInteger && !isFloat)
         return IMGERR_UNSUPPORTED;
     if (!isForBoth && !(isExr ? isExrs : settings.compression == TextureCompression::Lzw))
         return IMGERR_UNSUPPORTED;
-    return settings.dwaLevel >= 0 ? IMGERR_NONE : IMGERR_UNSUPPORTED; // NaN neither.
+    const bool isLevel = std::isfinite(settings.dwaLevel) && settings.dwaLevel >= 0;
+    return isLevel ? IMGERR_NONE : IMGERR_UNSUPPORTED;
 }
 
 bool TextureImage::fits(int width, int height, const TextureSettings& settings)
@@ -86,14 +94,13 @@ bool TextureImage::fits(int width, int height, const TextureSettings& settings)
 
 TextureImage::TextureImage(int width, int height, TextureFormat format, const TextureSettings& settings,
     const std::string& comment, int threads)
-    : m_layout(layoutOf(width, height, settings, format)),
-      m_codec(m_layout, settings.isSrgb, settings.makeLinear), m_findsRange(format == TextureFormat::Exr),
-      m_isCurved(settings.isSrgb && !settings.makeLinear), m_range(settings.channels),
-      m_file(makeFile(m_layout, format, settings, comment)), m_queue(*m_file, m_layout, threads),
-      m_rows(m_layout, m_queue), m_parts(width, height),
+    : m_layout(layoutOf(width, height, settings, format)), m_codec(m_layout, settings),
+      m_findsRange(format == TextureFormat::Exr), m_isCurved(settings.isSrgb && !settings.makeLinear),
+      m_range(settings.channels), m_file(makeFile(m_layout, format, settings, comment)),
+      m_queue(*m_file, m_layout, threads), m_rows(m_layout, m_queue), m_parts(width, height),
       m_pyramid(width, height, settings.channels, settings.filter, settings.wrapX, settings.wrapY, *this),
       m_linear(std::size_t(width) * std::size_t(settings.channels)),
-      m_floats(m_findsRange && m_isCurved ? m_linear.size() : 0)
+      m_floats(m_findsRange ? m_linear.size() : 0)
 {
 }
 
@@ -118,10 +125,10 @@ void TextureImage::completeRow(int y)
     const std::size_t width = std::size_t(m_layout.levels.front().width);
     const std::uint8_t* const row = m_rows.row(0, y);
     m_codec.toLinear(row, m_linear.data(), width);
-    if (m_findsRange && m_isCurved)
-        m_codec.toFloats(row, m_floats.data(), width);
-    if (m_findsRange)
-        m_range.add(m_isCurved ? m_floats.data() : m_linear.data(), width);
+    if (m_findsRange && !m_isCurved)
+        m_range.add(m_linear.data(), width); // They are the same.
+    else
+        findRange(0, row);
     m_rows.complete(0, y); // The row must not be looked at any more.
     m_pyramid.putRow(y, m_linear.data());
 }
@@ -129,8 +136,20 @@ void TextureImage::completeRow(int y)
 void TextureImage::takeRow(int level, int y, const float* row)
 {
     const std::size_t width = std::size_t(m_layout.levels[std::size_t(level)].width);
-    m_codec.fromLinear(row, m_rows.row(level, y), width);
+    std::uint8_t* const stored = m_rows.row(level, y);
+    m_codec.fromLinear(row, stored, width);
+    findRange(level, stored);
     m_rows.complete(level, y);
+}
+
+/// Stored samples count: what a renderer gets.
+void TextureImage::findRange(int level, const std::uint8_t* row)
+{
+    if (!m_findsRange)
+        return;
+    const std::size_t width = std::size_t(m_layout.levels[std::size_t(level)].width);
+    m_codec.toFloats(row, m_floats.data(), width);
+    m_range.add(m_floats.data(), width);
 }
 
 ImgErrorCode TextureImage::finish()

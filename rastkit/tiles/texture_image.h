@@ -42,6 +42,7 @@ public:
 private:
     void takeRow(int level, int y, const float* row) override;
     void completeRow(int y);
+    void findRange(int level, const std::uint8_t* row);
 
     TextureLayout m_layout;
     TexelCodec m_codec;
@@ -52,7 +53,7 @@ private:
     TileRows m_rows;
     RowParts m_parts;
     MipPyramid m_pyramid;
-    std::vector<float> m_linear, m_floats; ///< A row of the largest level.
+    std::vector<float> m_linear, m_floats; ///< A row of the largest level; of any.
 };
 
 } // namespace QUtils

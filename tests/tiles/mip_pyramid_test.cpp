@@ -187,16 +187,24 @@ TEST(MipPyramidOfRows, NotANumberStaysWhereTheFilterReaches)
 
 TEST(MipPyramidOfRows, PixelsWithoutWeightAreNotMet)
 {
-    // Each pixel of the smaller level has 7/3 of the larger: what has no weight must not be met at all.
-    Levels levels(7, 1);
-    MipPyramid pyramid(7, 1, 1, MipFilter::Box, TextureWrap::Clamp, TextureWrap::Clamp, levels);
-    const float row[7] = { 1, 1, 1, 1, 1, 1, std::numeric_limits<float>::infinity() };
-    pyramid.putRow(0, row);
-    const std::vector<float>& made = levels.rows[{ 1, 0 }];
-    ASSERT_EQ(made.size(), 3u);
-    EXPECT_FLOAT_EQ(made[0], 1);
-    EXPECT_FLOAT_EQ(made[1], 1);
-    EXPECT_TRUE(std::isinf(made[2]));
+    // Of odd sizes pixels cover fractions of others: whom they only touch they must not spoil.
+    for (const TextureWrap wrap : { TextureWrap::Clamp, TextureWrap::Periodic })
+        for (const int size : { 3, 7, 19, 25, 49, 61 })
+            for (int bright = 0; bright < size; ++bright) {
+                Levels levels(size, 1);
+                MipPyramid pyramid(size, 1, 1, MipFilter::Box, wrap, wrap, levels);
+                std::vector<float> row(std::size_t(size), 1.0f);
+                row[std::size_t(bright)] = std::numeric_limits<float>::infinity();
+                pyramid.putRow(0, row.data());
+                const int half = size / 2;
+                const std::vector<float>& made = levels.rows[{ 1, 0 }];
+                ASSERT_EQ(made.size(), std::size_t(half));
+                for (int i = 0; i < half; ++i) {
+                    const bool covers = bright * half < (i + 1) * size && (bright + 1) * half > i * size;
+                    ASSERT_EQ(std::isinf(made[std::size_t(i)]), covers) << size << " " << bright << " " << i;
+                    ASSERT_TRUE(covers || std::fabs(made[std::size_t(i)] - 1) < 1e-6f);
+                }
+            }
 }
 
 TEST(MipPyramidOfRows, CountsLevelsDownToOnePixel)

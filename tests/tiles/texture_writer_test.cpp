@@ -422,35 +422,62 @@ TEST_F(TextureWriting, WritersOfSeveralThreadsDoNotMeet)
         expectLevels(m_dir / name, settings, storedPicture(settings, 60, 60));
 }
 
-TEST_F(TextureWriting, OpenExrFilesSayTheRangeOfTheLargestLevel)
+TEST_F(TextureWriting, OpenExrFilesSayTheRangeOfAllLevels)
 {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (const bool isSrgb : { false, true }) {
-        TextureSettings settings = settingsOf(TextureSample::Half, 3);
-        settings.isSrgb = isSrgb;
-        settings.filter = MipFilter::Lanczos3; // Whose levels reach beyond.
-        write(m_exr, settings, 21, 5, [nan](TextureWriter& writer, int width, int height) {
-            std::vector<float> row(std::size_t(width) * 4, 0.5f);
-            for (int y = 0; y < height; ++y) {
-                row[std::size_t(y) * 8] = y == 2 ? nan : -0.25f * float(y);
-                row[std::size_t(y) * 8 + 1] = 0.1f; // No half: its neighbour is stored.
-                row[std::size_t(y) * 8 + 2] = float(y) * 3;
-                row[std::size_t(y) * 8 + 3] = 1000; // Alpha does not count.
-                writer.setRowF(0, y, width, row.data());
+    for (const bool isSrgb : { false, true })
+        for (const MipFilter filter : { MipFilter::Box, MipFilter::Lanczos3 }) { // Which reaches beyond.
+            TextureSettings settings = settingsOf(TextureSample::Half, 4);
+            settings.isSrgb = isSrgb;
+            settings.filter = filter;
+            write(m_exr, settings, 21, 5, [](TextureWriter& writer, int width, int height) {
+                std::vector<float> row(std::size_t(width) * 4);
+                for (int y = 0; y < height; ++y) {
+                    for (int x = 0; x < width; ++x) {
+                        row[std::size_t(x) * 4] = x < 10 ? 0.1f : 0.9f;
+                        row[std::size_t(x) * 4 + 1] = float(y - 2) / 7;
+                        row[std::size_t(x) * 4 + 2] = x == 20 && y == 4 ? 12 : 0.5f;
+                        row[std::size_t(x) * 4 + 3] = 1000; // Alpha does not count.
+                    }
+                    writer.setRowF(0, y, width, row.data());
+                }
+            });
+            const std::vector<Plane> levels = readLevels(m_exr);
+            double smallest[3] = { 100, 100, 100 }, greatest[3] = { -100, -100, -100 };
+            for (const Plane& level : levels)
+                for (std::size_t i = 0; i < level.samples.size(); ++i)
+                    if (i % 4 < 3) {
+                        smallest[i % 4] = std::min(smallest[i % 4], level.samples[i]);
+                        greatest[i % 4] = std::max(greatest[i % 4], level.samples[i]);
+                    }
+            EXPECT_EQ(greatest[0] > 0.91, filter == MipFilter::Lanczos3);
+            EXRTileLoaderParams params;
+            ASSERT_EQ(LoadEXRHeaderEx(m_exr.c_str(), params).code(), IMGERR_NONE);
+            for (int c = 0; c < 3; ++c) {
+                EXPECT_EQ(double(params.minValue[c]), smallest[c]) << c;
+                EXPECT_EQ(double(params.maxValue[c]), greatest[c]) << c;
             }
-        });
-        EXRTileLoaderParams params;
-        ASSERT_EQ(LoadEXRHeaderEx(m_exr.c_str(), params).code(), IMGERR_NONE);
-        const float tenth = rounded(0.1f, TextureSample::Half);
-        const float smallest[] = { -1, tenth, 0 }, greatest[] = { 0.5f, 0.5f, 12 };
-        for (int c = 0; c < 3; ++c) {
-            EXPECT_EQ(params.minValue[c], smallest[c]) << c;
-            EXPECT_EQ(params.maxValue[c], greatest[c]) << c;
+            Imf::TiledInputFile file(m_exr.c_str());
+            EXPECT_EQ(double(file.header().typedAttribute<Imf::FloatAttribute>("minValue").value()),
+                *std::min_element(smallest, smallest + 3));
+            EXPECT_EQ(double(file.header().typedAttribute<Imf::FloatAttribute>("maxValue").value()),
+                *std::max_element(greatest, greatest + 3));
         }
-        Imf::TiledInputFile file(m_exr.c_str());
-        EXPECT_EQ(file.header().typedAttribute<Imf::FloatAttribute>("minValue").value(), -1);
-        EXPECT_EQ(file.header().typedAttribute<Imf::FloatAttribute>("maxValue").value(), 12);
-    }
+}
+
+TEST_F(TextureWriting, NotANumberDoesNotCountForTheRange)
+{
+    write(m_exr, settingsOf(TextureSample::Half, 3), 4, 1, [](TextureWriter& writer, int, int) {
+        const float nan = std::numeric_limits<float>::quiet_NaN();
+        const float row[] = { nan, -1, 0, 0, 2, nan, 0, 0, 1, 2, nan, 0, 4, 3, 0, 0 };
+        writer.setRowF(0, 0, 4, row);
+    });
+    EXRTileLoaderParams params;
+    ASSERT_EQ(LoadEXRHeaderEx(m_exr.c_str(), params).code(), IMGERR_NONE);
+    EXPECT_EQ(params.minValue[0], 1);
+    EXPECT_EQ(params.maxValue[0], 4);
+    EXPECT_EQ(params.minValue[1], -1);
+    EXPECT_EQ(params.maxValue[1], 3);
+    EXPECT_EQ(params.minValue[2], 0);
 }
 
 TEST_F(TextureWriting, RangeOfGreyCountsForAllColoursAndThatOfNothingIsZero)
@@ -494,7 +521,7 @@ TEST_F(TextureWriting, OpenExrsOwnClassesReadTheFile)
     TextureSettings settings = settingsOf(TextureSample::Half, 2);
     settings.wrapX = TextureWrap::Periodic;
     settings.comment = "a comment";
-    write(m_exr, settings, 50, 20);
+    write(m_exr, settings, 50, 40);
     Imf::TiledInputFile file(m_exr.c_str());
     const Imf::Header& header = file.header();
     EXPECT_EQ(file.levelMode(), Imf::MIPMAP_LEVELS);
@@ -506,8 +533,8 @@ TEST_F(TextureWriting, OpenExrsOwnClassesReadTheFile)
     EXPECT_EQ(header.compression(), Imf::ZIP_COMPRESSION);
     EXPECT_EQ(Imf::comments(header), "a comment");
     EXPECT_EQ(header.typedAttribute<Imf::StringAttribute>("wrapmodes").value(), "periodic,clamp");
-    const Plane picture = storedPicture(settings, 50, 20);
-    std::vector<float> grey(50 * 20), alpha(50 * 20);
+    const Plane picture = storedPicture(settings, 50, 40);
+    std::vector<float> grey(50 * 40), alpha(50 * 40);
     Imf::FrameBuffer slices;
     slices.insert("Y", Imf::Slice::Make(Imf::FLOAT, grey.data(), file.dataWindowForLevel(0)));
     slices.insert("A", Imf::Slice::Make(Imf::FLOAT, alpha.data(), file.dataWindowForLevel(0)));
@@ -521,7 +548,7 @@ TEST_F(TextureWriting, OpenExrsOwnClassesReadTheFile)
 
 TEST_F(TextureWriting, LibtiffReadsTheFile)
 {
-    TextureSettings settings = settingsOf(TextureSample::Short, 2);
+    TextureSettings settings = settingsOf(TextureSample::Short, 4);
     settings.tileWidth = settings.tileHeight = 64;
     settings.wrapY = TextureWrap::Mirror;
     settings.comment = "a comment";
@@ -555,12 +582,12 @@ TEST_F(TextureWriting, LibtiffReadsTheFile)
         EXPECT_EQ(kinds[0], EXTRASAMPLE_ASSOCALPHA);
     }
     ASSERT_TRUE(TIFFSetDirectory(tiff, 0));
-    std::vector<std::uint16_t> tile(64 * 64 * 2);
+    std::vector<std::uint16_t> tile(64 * 64 * 4);
     ASSERT_EQ(TIFFReadTile(tiff, tile.data(), 128, 64, 0, 0), tmsize_t(tile.size() * 2));
     for (int y = 0; y < 6; ++y)
         for (int x = 0; x < 2; ++x)
-            for (int c = 0; c < 2; ++c)
-                ASSERT_EQ(tile[std::size_t((y * 64 + x) * 2 + c)],
+            for (int c = 0; c < 4; ++c)
+                ASSERT_EQ(tile[std::size_t((y * 64 + x) * 4 + c)],
                     std::lround(picture.at(128 + x, 64 + y, c) * 65535));
     TIFFClose(tiff);
 }
@@ -649,11 +676,12 @@ TEST_F(TextureWriting, SettingsThatTheFormatDoesNotHaveAreRefused)
         [](auto& s) { s.channels = 0; }, [](auto& s) { s.channels = 5; },
         [](auto& s) { s.compression = TextureCompression::Lzw; },
         [](auto& s) { s.compression = TextureCompression(9); }, [](auto& s) { s.filter = MipFilter(4); },
-        [](auto& s) { s.wrapX = TextureWrap(4); }, [](auto& s) { s.dwaLevel = -1; } };
+        [](auto& s) { s.wrapX = TextureWrap(4); }, [](auto& s) { s.dwaLevel = -1; },
+        [](auto& s) { s.dwaLevel = std::numeric_limits<float>::infinity(); } };
     for (const Change& change : forExr)
         EXPECT_EQ(codeOf(m_exr, TextureSample::Half, change), IMGERR_UNSUPPORTED);
     const Change forTiff[] = { [](auto& s) { s.tileWidth = 24; }, [](auto& s) { s.tileHeight = 8; },
-        [](auto& s) { s.compression = TextureCompression::Piz; },
+        [](auto& s) { s.channels = 2; }, [](auto& s) { s.compression = TextureCompression::Piz; },
         [](auto& s) { s.compression = TextureCompression::Dwaa; } };
     for (const Change& change : forTiff)
         EXPECT_EQ(codeOf(m_tif, TextureSample::Byte, change), IMGERR_UNSUPPORTED);
@@ -734,11 +762,19 @@ TEST_F(TextureWriting, AWriterThatIsNotFinishedLeavesNoTextureAndNothingElse)
     for (const std::string& name : { m_exr, m_tif }) {
         TextureSettings settings = settingsOf(TextureSample::Float, 3);
         settings.threads = 2;
+        settings.comment = "SHA-1=0123456789abcdef0123456789abcdef01234567";
         {
             TextureWriter writer(name.c_str(), settings);
             writer.init(300, 300);
             fromTheTop(writer, 300, 200);
         }
+        EXRTileLoaderParams exr;
+        TIFTileLoaderParams tiff;
+        EXPECT_NE(
+            (name == m_exr ? LoadEXRHeaderEx(name.c_str(), exr) : LoadTIFHeaderEx(name.c_str(), tiff)).code(),
+            IMGERR_NONE);
+        char text[64] = {};
+        EXPECT_EQ(getImageSHATag(name.c_str(), text, sizeof text), 0);
         const auto files = std::filesystem::directory_iterator(m_dir.path());
         EXPECT_EQ(std::distance(begin(files), end(files)), 1);
         std::filesystem::remove(name);

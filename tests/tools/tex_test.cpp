@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <sys/stat.h>
 
 namespace {
 
@@ -142,6 +143,36 @@ TEST_F(ToolTex, AlphaIsThereWhenTheSourceHasIt)
     EXPECT_EQ(std::lround(readLevels(m_tif)[0].at(0, 0, 3) * 255), 0x80);
 }
 
+TEST_F(ToolTex, StraightAlphaIsMultipliedIntoColour)
+{
+    TgaBytes tga;
+    tga.width = 2;
+    tga.pixelBits = 32;
+    tga.descriptor = 0x28;
+    tga.pixels = { 0, 255, 0, 0, 255, 255, 255, 255 }; // Green that cannot be seen, and white.
+    const std::string in = make("in.tga", tga.bytes());
+    const auto greenOf = [&](const Arguments& options) {
+        EXPECT_EQ(tex(in, m_tif, options).exitCode, 0);
+        return std::lround(readLevels(m_tif)[1].at(0, 0, 1) * 255);
+    };
+    EXPECT_EQ(greenOf({}), 188);
+    EXPECT_EQ(greenOf({ "--alpha", "straight" }), 188);
+    EXPECT_EQ(greenOf({ "--alpha", "premultiplied" }), 255);
+    EXPECT_EQ(describeTexture(m_tif)->numChannels, 4);
+    EXPECT_EQ(tex(in, m_tif, { "--update", "--alpha", "straight" }).out, m_tif + ": written\n");
+    EXPECT_EQ(tex(in, m_tif, { "--update" }).out, m_tif + ": up to date\n");
+    EXPECT_EQ(greenOf({ "--alpha", "ignore" }), 255);
+    EXPECT_EQ(describeTexture(m_tif)->numChannels, 3);
+
+    SgiBytes sgi; // Of others colour is multiplied already.
+    sgi.channels = 2;
+    sgi.data = { 100, 50 };
+    ASSERT_EQ(tex(make("in.sgi", sgi.bytes()), m_tif).exitCode, 0);
+    EXPECT_EQ(std::lround(readLevels(m_tif)[0].at(0, 0, 0) * 255), 100);
+    ASSERT_EQ(tex(m_dir / "in.sgi", m_tif, { "--alpha", "ignore" }).exitCode, 0);
+    EXPECT_EQ(describeTexture(m_tif)->numChannels, 1);
+}
+
 TEST_F(ToolTex, GreyWithAlphaIsWhatTheLoadersReadExactly)
 {
     SgiBytes sgi;
@@ -269,13 +300,90 @@ TEST_F(ToolTex, WhatTheFormatDoesNotHaveIsWrongUsage)
         { "a.tif", { "--compression", "dwaa" } }, { "a.exr", { "--compression", "lzw" } },
         { "a.exr", { "--compression", "gzip" } }, { "a.exr", { "--filter", "sinc" } },
         { "a.exr", { "--wrap", "clamp,never" } }, { "a.exr", { "--colour", "adobe" } },
-        { "a.exr", { "--dwa-level", "-1" } }, { "a.exr", { "--threads", "0" } } };
-    for (const auto& [out, options] : cases) {
-        const ProgramResult result = tex(in, m_dir / out, options);
-        EXPECT_EQ(result.exitCode, 2) << out << " " << result.err;
-        EXPECT_NE(result.err, "");
-    }
+        { "a.exr", { "--alpha", "maybe" } }, { "a.exr", { "--dwa-level", "-1" } },
+        { "a.exr", { "--dwa-level", "nan" } }, { "a.exr", { "--dwa-level", "inf" } },
+        { "a.exr", { "--threads", "0" } } };
+    for (const auto& [out, options] : cases)
+        for (const std::string& source : { in, m_dir / "none.tga" }) { // It is seen before the source is.
+            const ProgramResult result = tex(source, m_dir / out, options);
+            EXPECT_EQ(result.exitCode, 2) << out << " " << result.err;
+            EXPECT_NE(result.err, "");
+        }
     EXPECT_EQ(countFiles(), 1u);
+    EXPECT_EQ(tex(in, m_exr, { "--filter", "sinc" }).err,
+        "rastkit: --filter takes one of box, triangle, lanczos3, mitchell\n");
+}
+
+TEST_F(ToolTex, UpdateMakesAnewWhatIsCutShortOrOfAnotherFormat)
+{
+    const std::string in = make("in.tga", pictureOf(80, 80).bytes());
+    for (const std::string& out : { m_tif, m_exr }) {
+        ASSERT_EQ(tex(in, out, { "--compression", "none" }).exitCode, 0);
+        const Bytes whole = readFile(out);
+        for (const std::size_t bytes : { whole.size() - 1, whole.size() / 2, std::size_t(6000) }) {
+            fs::resize_file(out, bytes);
+            EXPECT_EQ(tex(in, out, { "--update", "--compression", "none" }).out, out + ": written\n")
+                << bytes;
+            EXPECT_TRUE(readFile(out) == whole);
+        }
+        EXPECT_EQ(tex(in, out, { "--update", "--compression", "none" }).out, out + ": up to date\n");
+    }
+    const Arguments options { "--update", "--sample", "float" };
+    ASSERT_EQ(tex(in, m_tif, options).exitCode, 0);
+    fs::copy_file(m_tif, m_exr, fs::copy_options::overwrite_existing);
+    EXPECT_EQ(tex(in, m_exr, options).out, m_exr + ": written\n");
+}
+
+TEST_F(ToolTex, TheSourceIsNotOverwritten)
+{
+    const std::string in = make("in.tga", pictureOf(8, 8).bytes()), linked = m_dir / "linked.exr",
+                      hard = m_dir / "hard.exr";
+    ASSERT_EQ(tex(in, m_tif).exitCode, 0);
+    fs::create_symlink(m_tif, linked);
+    fs::create_hard_link(m_tif, hard);
+    const Bytes before = readFile(m_tif);
+    for (const std::string& out : { m_tif, linked, hard }) {
+        const ProgramResult result = tex(m_tif, out);
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_EQ(result.err, "rastkit: " + out + " is the source itself\n");
+        EXPECT_TRUE(readFile(out) == before);
+    }
+}
+
+TEST_F(ToolTex, AFullDiskEndsTheReading)
+{
+    // The source is damaged further on than it is read.
+    Bytes cut = pictureOf(700, 400).bytes();
+    cut.resize(cut.size() - 1000);
+    const std::string in = make("in.tga", cut);
+    const Arguments options { "--threads", "1", "--compression", "none" };
+    EXPECT_EQ(
+        tex(in, m_tif, options, 4096).err, "rastkit: " + m_tif + ": cannot be written: File too large\n");
+    EXPECT_EQ(tex(in, m_tif, options).err,
+        "rastkit: " + in + ": cannot be read: its pixels are cut short or damaged\n");
+    EXPECT_EQ(countFiles(), 1u);
+}
+
+TEST_F(ToolTex, APipeIsNoTarget)
+{
+    const std::string in = make("in.tga", pictureOf(8, 8).bytes());
+    ASSERT_EQ(mkfifo(m_exr.c_str(), 0600), 0); // Opening it would wait for a reader.
+    const ProgramResult result = tex(in, m_exr);
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(result.err,
+        "rastkit: " + m_exr
+            + ": cannot be written: a texture is not written from its beginning to its end, as a pipe needs "
+              "it\n");
+}
+
+TEST_F(ToolTex, ThatOpenExrKeepsTheCurveIsSaidUnlessItIsMeant)
+{
+    const std::string in = make("in.tga", pictureOf(8, 8).bytes());
+    EXPECT_NE(tex(in, m_exr).err.find("--to-linear"), std::string::npos);
+    for (const Arguments& options :
+        { Arguments { "--to-linear" }, Arguments { "--colour", "srgb" }, Arguments { "--colour", "linear" } })
+        EXPECT_EQ(tex(in, m_exr, options).err, "");
+    EXPECT_EQ(tex(m_exr, m_dir / "again.exr").err, "");
 }
 
 } // namespace
