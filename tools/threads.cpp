@@ -1,5 +1,7 @@
 #include "tools/threads.h"
 
+#include "tools/interrupt.h"
+
 #include "rastkit/formats.h"
 
 #include <algorithm>
@@ -95,6 +97,9 @@ void useThreads()
 void useThreads(int wanted)
 {
     const int count = wanted > 0 ? wanted : countThreads();
+    // The threads inherit it: were they to take a signal while the program's own thread holds it back, the
+    // program would end between the making of a file and its being watched.
+    const SignalBlock block;
     setThreadCount(count > 1 ? count : 0);
 }
 
