@@ -61,6 +61,7 @@ bool writeTexture(const std::string& name, int size, int seed)
 std::vector<std::string> namesOf(int count)
 {
     std::vector<std::string> names;
+    names.reserve(std::size_t(count));
     for (int i = 0; i < count; ++i)
         names.push_back(bench::filePath(std::to_string(i) + (i % 2 == 0 ? ".exr" : ".tif")));
     return names;
@@ -141,6 +142,7 @@ bool run(const Options& options, const std::vector<std::string>& names)
     TileCache cache(settings);
     std::atomic<bool> isDone = true;
     std::vector<std::thread> threads;
+    threads.reserve(std::size_t(options.threads));
     for (int i = 0; i < options.threads; ++i)
         threads.emplace_back([&, i] {
             if (!takeTiles(cache, names, options, unsigned(i) + 1))

@@ -42,6 +42,7 @@ template <typename Work> bool inThreads(int count, const Work& work)
         return work(0);
     std::atomic<bool> isDone = true;
     std::vector<std::thread> threads;
+    threads.reserve(std::size_t(count));
     for (int i = 0; i < count; ++i)
         threads.emplace_back([&, i] {
             if (!work(i))

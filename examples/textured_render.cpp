@@ -37,6 +37,7 @@ struct Options {
 void inThreads(int count, const std::function<void()>& work)
 {
     std::vector<std::thread> threads;
+    threads.reserve(std::size_t(count));
     for (int i = 0; i < count; ++i)
         threads.emplace_back(work);
     for (std::thread& thread : threads)
@@ -187,8 +188,9 @@ private:
     Vec pixelAt(int x, int y)
     {
         Vec sum {};
-        for (int i = 0; i < 4; ++i)
-            sum = sum + trace(float(x) + 0.25f + 0.5f * float(i % 2), float(y) + 0.25f + 0.5f * float(i / 2));
+        for (const float down : { 0.25f, 0.75f })
+            for (const float right : { 0.25f, 0.75f })
+                sum = sum + trace(float(x) + right, float(y) + down);
         return sum * 0.25f;
     }
 

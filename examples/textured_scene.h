@@ -135,7 +135,8 @@ inline const Globe globes[] { { 0, { -1.5f, 1.1f, -2.5f }, 1.1f }, { 1, { 1.3f, 
 /// Number `number` from the front, on either side of the street.
 inline Picture pictureAt(int number, bool isLeft)
 {
-    const float z = 1.5f - 4 * float(number / 2);
+    const int row = number / 2;
+    const float z = 1.5f - 4 * float(row);
     const Vec corner = isLeft ? Vec { -4, 3.4f, z } : Vec { 4, 3.4f, z - 3 };
     return { number, corner, isLeft ? Vec { 0, 0, -3 } : Vec { 0, 0, 3 }, 3 };
 }
@@ -143,6 +144,7 @@ inline Picture pictureAt(int number, bool isLeft)
 constexpr int pictureCount = 30;
 inline const std::vector<Picture> pictures = [] {
     std::vector<Picture> all;
+    all.reserve(pictureCount);
     for (int i = 0; i < pictureCount; ++i)
         all.push_back(pictureAt(i, i % 2 == 0));
     return all;

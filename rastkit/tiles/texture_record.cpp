@@ -135,7 +135,9 @@ DescribedFile describeFile(const char* fileName)
 std::unique_ptr<MipMapTileLoaderParams> newLoader(
     const char* fileName, const TextureDescription& description, ImgErrorCode& error)
 {
-    error = IMGERR_NONE;
+    error = isNoRegularFile(fileName) ? IMGERR_READ : IMGERR_NONE;
+    if (error != IMGERR_NONE)
+        return nullptr;
     if (!description.isExr) {
         DescribedFile file = describeAs(fileName, Format::Tiff);
         if (file.params && !description.isLike(*file.params))

@@ -78,11 +78,20 @@ struct Neighbours {
             --whole;
         weight = float(place - double(whole));
         first = wrappedIndex(whole, size, wrap);
-        second = wrappedIndex(whole + 1, size, wrap);
+        second = weight == 0 ? first : wrappedIndex(whole + 1, size, wrap);
     }
 
     bool areAdjacent() const { return second == first + 1 && first >= 0; }
 };
+
+/// Two pixels become one. What has no weight does not count, also where it is infinite.
+void blend(const float* first, const float* second, float weight, float* result)
+{
+    float blended[4]; // The result may be one of the two.
+    for (int i = 0; i < 4; ++i)
+        blended[i] = first[i] + (second[i] - first[i]) * weight;
+    std::copy_n(weight == 0 ? first : blended, 4, result);
+}
 
 std::size_t sampleNumber(const TileEntry& tile, int x, int y)
 {
@@ -113,11 +122,9 @@ public:
         float upper[8], lower[8]; // Two pixels each.
         if (!fetchPair(x, y.first, upper) || !fetchPair(x, y.second, lower))
             return false;
-        for (int i = 0; i < 4; ++i) {
-            const float top = upper[i] + (upper[i + 4] - upper[i]) * x.weight;
-            const float bottom = lower[i] + (lower[i + 4] - lower[i]) * x.weight;
-            rgba[i] = top + (bottom - top) * y.weight;
-        }
+        blend(upper, upper + 4, x.weight, upper);
+        blend(lower, lower + 4, x.weight, lower);
+        blend(upper, lower, y.weight, rgba);
         return true;
     }
 
@@ -232,26 +239,25 @@ ImgErrorCode TileCache::sample(
         const TextureDescription& description = *record->description.load(std::memory_order_acquire);
         if (description.error != IMGERR_NONE)
             return tile(texture, 0, 0, 0).error();
-        const LevelBlend blend = levelsFor(description, width);
+        const LevelBlend levels = levelsFor(description, width);
         float fine[4], coarse[4];
-        LevelSampler finer(*m_state, *record, description, blend.level);
+        LevelSampler finer(*m_state, *record, description, levels.level);
         if (!finer.sample(s, t, wrap, fine)) {
             if (finer.isOutdated())
                 continue;
             return finer.error();
         }
-        if (blend.second == 0) {
+        if (levels.second == 0) {
             std::copy_n(fine, 4, rgba);
             return IMGERR_NONE;
         }
-        LevelSampler coarser(*m_state, *record, description, blend.level + 1);
+        LevelSampler coarser(*m_state, *record, description, levels.level + 1);
         if (!coarser.sample(s, t, wrap, coarse)) {
             if (coarser.isOutdated())
                 continue;
             return coarser.error();
         }
-        for (int i = 0; i < 4; ++i)
-            rgba[i] = fine[i] + (coarse[i] - fine[i]) * blend.second;
+        blend(fine, coarse, levels.second, rgba);
         return IMGERR_NONE;
     }
 }
