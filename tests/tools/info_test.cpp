@@ -70,6 +70,23 @@ TEST_F(ToolInfo, FileThatCannotBeReadDoesNotStopTheOthers)
     EXPECT_EQ(list[3].at("width"), 1);
 }
 
+TEST_F(ToolInfo, TexturesTellTheirTilesAndLevels)
+{
+    const std::string in = make("a.tga", tgaOf(70, 20)), exr = m_dir / "a.exr", tif = m_dir / "a.tif";
+    ASSERT_EQ(runTool({ "tex", in, "-o", exr, "--tile", "32x16", "--to-linear" }).exitCode, 0);
+    ASSERT_EQ(runTool({ "tex", in, "-o", tif }).exitCode, 0);
+    const ProgramResult lines = runTool({ "info", exr, tif, in });
+    EXPECT_NE(lines.out.find("48 bits per pixel, tiles of 32 x 16, 7 levels, "), std::string::npos)
+        << lines.out;
+    EXPECT_NE(lines.out.find("24 bits per pixel, tiles of 64 x 64, 7 levels, "), std::string::npos)
+        << lines.out;
+    const json list = json::parse(runTool({ "info", "--json", exr, tif, in }).out);
+    EXPECT_EQ(list.at(0).at("tileWidth"), 32);
+    EXPECT_EQ(list.at(0).at("tileHeight"), 16);
+    EXPECT_EQ(list.at(1).at("levels"), 7);
+    EXPECT_FALSE(list.at(2).contains("levels"));
+}
+
 TEST_F(ToolInfo, RawRenderOutputIsReferredToItsOwnCommands)
 {
     const std::string name = make("frame.quimg", { 0x89, 'Q', 'U', 'I', 'M', 'G', 0x0D, 0x0A, 1, 0 });
