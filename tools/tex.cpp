@@ -183,19 +183,23 @@ int write(const TexOptions& options, Outcome& outcome, const std::string& commen
     return obstacle.empty() ? EXIT_DONE : EXIT_FILE;
 }
 
-/// Whether the end of a texture that this program wrote is there. TIFF has its text there; OpenEXR has it at
-/// the beginning, and at the end the tile of the smallest level.
+/// Whether a texture that this program wrote has its end: TIFF's directories, of which the smallest level's
+/// is the last, and OpenEXR's last tile, which is that level's.
 bool hasItsEnd(const std::string& name)
 {
-    if (*textureFormatOf(name) == 't')
-        return true;
-    EXRTileLoaderParams texture;
-    if (LoadEXRHeaderEx(name.c_str(), texture).code() != IMGERR_NONE || !texture.isMipmapped)
+    EXRTileLoaderParams exr;
+    TIFTileLoaderParams tiff;
+    const bool isExr = *textureFormatOf(name) == 'e';
+    const ImgError error = isExr ? LoadEXRHeaderEx(name.c_str(), exr) : LoadTIFHeaderEx(name.c_str(), tiff);
+    MipMapTileLoaderParams& texture = isExr ? static_cast<MipMapTileLoaderParams&>(exr) : tiff;
+    if (error.code() != IMGERR_NONE || !texture.isMipmapped || texture.numLevels < 1)
         return false;
     texture.fileName = name.c_str();
+    const MipLevel& smallest = texture.levels[texture.numLevels - 1];
     QUtils::ImageF tile;
     tile.init(texture.tileWidth, texture.tileHeight);
-    return tile.isValid() && texture.loadTile(0, 0, texture.numLevels - 1, tile).code() == IMGERR_NONE;
+    return smallest.width == 1 && smallest.height == 1 && tile.isValid()
+        && texture.loadTile(0, 0, texture.numLevels - 1, tile).code() == IMGERR_NONE;
 }
 
 /// Whether a texture is there, as a whole, that has that text.
