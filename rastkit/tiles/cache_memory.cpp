@@ -23,12 +23,8 @@ bool CacheCore::reserve(Lock& lock, std::uint64_t bytes)
 /// For those who have no file: waits for what others may give back soon.
 bool CacheCore::reserveOrWait(Lock& lock, std::uint64_t bytes)
 {
-    while (!reserve(lock, bytes)) {
-        if (m_busyFiles == 0 || bytes > m_maxBytes)
-            return false;
-        waitForFile(lock);
-    }
-    return true;
+    return mayFit(bytes)
+        && tryUntilDone(lock, [&] { return reserve(lock, bytes) ? Attempt::Done : Attempt::NoMemory; });
 }
 
 /// Gives up what was not used for longest. False when there is nothing. May leave the lock for a while.

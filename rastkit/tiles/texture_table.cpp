@@ -28,7 +28,7 @@ CacheCore::CacheCore(const TileCacheSettings& settings)
     : m_maxBytes(std::min(settings.maxBytes, std::uint64_t(1) << 58)),
       m_maxFiles(std::max(settings.maxOpenFiles, 1)), m_maxLoadersOfTexture(settings.maxLoadersPerFile)
 {
-    m_bytes = m_peakBytes = heapBytes(sizeof *this + alignof(CacheCore));
+    m_bytes = m_peakBytes = m_fixedBytes = heapBytes(sizeof *this + alignof(CacheCore));
 }
 
 CacheCore::~CacheCore()
@@ -146,8 +146,11 @@ bool CacheCore::growNames(Lock& lock)
         head = texture;
     }
     m_names = std::move(names);
-    if (m_nameCount != 0)
+    m_fixedBytes += nameTableBytes(count);
+    if (m_nameCount != 0) {
         unreserve(nameTableBytes(m_nameCount));
+        m_fixedBytes -= nameTableBytes(m_nameCount);
+    }
     m_nameCount = count;
     return true;
 }

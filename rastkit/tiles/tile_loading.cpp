@@ -119,8 +119,10 @@ bool CacheCore::growTable(Lock& lock)
     const std::uint64_t bytes = m_table.growthBytes();
     if (!(m_table.hasBuckets() ? reserve(lock, bytes) : reserveOrWait(lock, bytes)))
         return false;
-    if (m_table.growthBytes() == bytes && m_table.grow())
+    if (m_table.growthBytes() == bytes && m_table.grow()) {
+        m_fixedBytes += bytes;
         return true;
+    }
     unreserve(bytes); // Refused, or another thread was first.
     return m_table.hasBuckets();
 }
@@ -130,8 +132,10 @@ bool CacheCore::addEntries(Lock& lock)
     const std::uint64_t bytes = TileTable::chunkBytes();
     if (!reserveOrWait(lock, bytes))
         return false;
-    if (m_table.addChunk(*this))
+    if (m_table.addChunk(*this)) {
+        m_fixedBytes += bytes;
         return true;
+    }
     unreserve(bytes);
     return false;
 }
@@ -201,6 +205,7 @@ void CacheCore::forgetTiles(TextureRecord& texture)
         }
         entry = next;
     }
+    m_fileFreed.notify_all(); // Who waits for a file to decode one of them need not any more.
 }
 
 // --- Decoding --------------------------------------------------------------------------------------------
@@ -216,29 +221,47 @@ CacheCore::Pinned CacheCore::load(
 ImgErrorCode CacheCore::decode(
     Lock& lock, TileEntry& entry, const TextureDescription& description, const TilePlace& place)
 {
-    TextureRecord& texture = *entry.texture;
     const TileSink::Area area = areaOf(description, place);
     if (std::uint64_t(area.width) * std::uint64_t(area.height) > m_maxBytes)
         return IMGERR_MEMORY;
-    const TileEncoding encoding = texture.encoding.load(std::memory_order_relaxed);
-    const std::uint64_t bytes = TileSink::bytesOf(area, encoding);
-    TileLoader* const loader = acquireLoader(lock, texture, description, bytes);
-    if (!loader)
-        return IMGERR_MEMORY;
-    ImgErrorCode error = IMGERR_READ;
-    if (entry.isForgotten) { // While this thread waited: the description is of another file.
-        unreserve(bytes);
-    } else {
-        lock.unlock();
-        {
-            TileSink sink(area, encoding, *this);
-            error = runLoader(*loader, entry, place, sink);
-        }
-        lock.lock();
-        texture.isDoubtful |= !entry.isForgotten && !loader->params && error == IMGERR_READ;
+    TileEncoding encoding = entry.texture->encoding.load(std::memory_order_relaxed);
+    for (;;) {
+        const std::uint64_t bytes = TileSink::bytesOf(area, encoding);
+        TileLoader* const loader = acquireLoader(lock, entry, description, bytes);
+        if (!loader)
+            return IMGERR_MEMORY;
+        TileSink::Outcome outcome { IMGERR_READ, false };
+        if (entry.isForgotten) // While this thread waited: the description is of another file.
+            unreserve(bytes);
+        else
+            outcome = decodeWith(lock, *loader, entry, place, area, encoding);
+        releaseLoader(lock, *loader, outcome.error == IMGERR_NONE || outcome.lackedRoom);
+        if (!outcome.lackedRoom)
+            return outcome.error;
+        encoding = TileEncoding::Float; // Now that nothing is held, others may be waited for.
     }
-    releaseLoader(lock, *loader, error == IMGERR_NONE);
-    return error;
+}
+
+TileSink::Outcome CacheCore::decodeWith(Lock& lock, TileLoader& loader, TileEntry& entry,
+    const TilePlace& place, const TileSink::Area& area, TileEncoding encoding)
+{
+    if (!loader.params)
+        ++m_counts.opens;
+    lock.unlock();
+    TileSink::Outcome outcome;
+    {
+        TileSink sink(area, encoding, *this);
+        outcome.error = runLoader(loader, entry, place, sink);
+        outcome.lackedRoom = sink.lackedRoom();
+    }
+    lock.lock();
+    if (entry.isForgotten)
+        return outcome;
+    TextureRecord& texture = *entry.texture;
+    texture.isDoubtful |= !loader.params && outcome.error == IMGERR_READ;
+    if (outcome.lackedRoom)
+        texture.encoding.store(TileEncoding::Float, std::memory_order_relaxed);
+    return outcome;
 }
 
 ImgErrorCode CacheCore::runLoader(
