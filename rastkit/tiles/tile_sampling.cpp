@@ -84,6 +84,24 @@ struct Neighbours {
     bool areAdjacent() const { return second == first + 1 && first >= 0; }
 };
 
+/// Of what is not finite: nothing comes of a pixel with no weight, or of two infinite ones that are the same.
+float mixOfInfinite(float a, float b, float weight)
+{
+    if (weight == 0 || a == b)
+        return a;
+    return weight == 1 ? b : a * (1 - weight) + b * weight;
+}
+
+/// Two pixels.
+void mix(const float* a, const float* b, float weight, float* mixed)
+{
+    for (int i = 0; i < 4; ++i) {
+        mixed[i] = a[i] + (b[i] - a[i]) * weight;
+        if (std::isnan(mixed[i])) [[unlikely]]
+            mixed[i] = mixOfInfinite(a[i], b[i], weight);
+    }
+}
+
 std::size_t sampleNumber(const TileEntry& tile, int x, int y)
 {
     return (std::size_t(y) * std::size_t(tile.width) + std::size_t(x)) * 4;
@@ -102,23 +120,26 @@ public:
     LevelSampler& operator=(const LevelSampler&) = delete;
     ~LevelSampler() { unpin(); }
 
-    ImgErrorCode error() const { return m_error; }
-    bool isOutdated() const { return m_isOutdated; }
+    struct Answer {
+        ImgErrorCode error = IMGERR_NONE;
+        bool isOutdated = false; ///< As in CacheCore::Pinned.
 
-    /// Bilinear; false when a tile cannot be had.
-    bool sample(float s, float t, TextureWrap wrap, float* rgba)
+        bool isGood() const { return error == IMGERR_NONE && !isOutdated; }
+    };
+
+    /// Bilinear.
+    Answer sample(float s, float t, TextureWrap wrap, float* rgba)
     {
         const MipLevel& shape = m_description.levels[m_level].shape;
         const Neighbours x(s, shape.width, wrap), y(t, shape.height, wrap);
         float upper[8], lower[8]; // Two pixels each.
         if (!fetchPair(x, y.first, upper) || !fetchPair(x, y.second, lower))
-            return false;
-        for (int i = 0; i < 4; ++i) {
-            const float top = upper[i] + (upper[i + 4] - upper[i]) * x.weight;
-            const float bottom = lower[i] + (lower[i + 4] - lower[i]) * x.weight;
-            rgba[i] = top + (bottom - top) * y.weight;
-        }
-        return true;
+            return m_answer;
+        float top[4], bottom[4];
+        mix(upper, upper + 4, x.weight, top);
+        mix(lower, lower + 4, x.weight, bottom);
+        mix(top, bottom, y.weight, rgba);
+        return {};
     }
 
 private:
@@ -161,8 +182,7 @@ private:
         unpin();
         const CacheCore::Pinned pinned = m_cache.pin(m_texture, m_description, tileX, tileY, m_level);
         m_tile = pinned.entry;
-        m_error = pinned.error;
-        m_isOutdated = pinned.isOutdated;
+        m_answer = { pinned.error, pinned.isOutdated };
         m_tileX = tileX;
         m_tileY = tileY;
         return m_tile != nullptr;
@@ -181,8 +201,7 @@ private:
     const int m_level;
     TileEntry* m_tile = nullptr;
     int m_tileX = 0, m_tileY = 0;
-    ImgErrorCode m_error = IMGERR_NONE;
-    bool m_isOutdated = false;
+    Answer m_answer;
 };
 
 inline namespace RASTKIT_ABI {
@@ -194,13 +213,13 @@ PinnedTile TileCache::tileAt(
     TextureRecord* const record = texture.m_record;
     if (!record || !m_state)
         return { nullptr, texture.error() };
+    s = std::isnan(s) ? 0 : s;
+    t = std::isnan(t) ? 0 : t;
     for (;;) {
         const TextureDescription& description = *record->description.load(std::memory_order_acquire);
-        if (description.error != IMGERR_NONE)
-            return tile(texture, 0, 0, 0);
-        const bool isBlack = wrap == TextureWrap::Black && !(s >= 0 && s <= 1 && t >= 0 && t <= 1)
-            && !std::isnan(s) && !std::isnan(t);
-        if (isBlack)
+        if (description.error != IMGERR_NONE) // Of this description: there may be another by now.
+            return { nullptr, m_state->pin(*record, description, 0, 0, 0).error };
+        if (wrap == TextureWrap::Black && !(s >= 0 && s <= 1 && t >= 0 && t <= 1))
             return { nullptr, IMGERR_NONE };
         const LevelBlend blend = levelsFor(description, width);
         const int level = blend.level + (blend.second > 0.5f ? 1 : 0);
@@ -231,27 +250,25 @@ ImgErrorCode TileCache::sample(
     for (;;) {
         const TextureDescription& description = *record->description.load(std::memory_order_acquire);
         if (description.error != IMGERR_NONE)
-            return tile(texture, 0, 0, 0).error();
+            return m_state->pin(*record, description, 0, 0, 0).error;
         const LevelBlend blend = levelsFor(description, width);
+        const auto sampleLevel = [&](int level, float* values) {
+            // Ends here: no tile stays pinned while one of the other level may have to be decoded.
+            LevelSampler sampler(*m_state, *record, description, level);
+            return sampler.sample(s, t, wrap, values);
+        };
         float fine[4], coarse[4];
-        LevelSampler finer(*m_state, *record, description, blend.level);
-        if (!finer.sample(s, t, wrap, fine)) {
-            if (finer.isOutdated())
-                continue;
-            return finer.error();
-        }
-        if (blend.second == 0) {
+        LevelSampler::Answer answer = sampleLevel(blend.level, fine);
+        if (answer.isGood() && blend.second != 0)
+            answer = sampleLevel(blend.level + 1, coarse);
+        if (answer.isOutdated)
+            continue;
+        if (answer.error != IMGERR_NONE)
+            return answer.error;
+        if (blend.second == 0)
             std::copy_n(fine, 4, rgba);
-            return IMGERR_NONE;
-        }
-        LevelSampler coarser(*m_state, *record, description, blend.level + 1);
-        if (!coarser.sample(s, t, wrap, coarse)) {
-            if (coarser.isOutdated())
-                continue;
-            return coarser.error();
-        }
-        for (int i = 0; i < 4; ++i)
-            rgba[i] = fine[i] + (coarse[i] - fine[i]) * blend.second;
+        else
+            mix(fine, coarse, blend.second, rgba);
         return IMGERR_NONE;
     }
 }
