@@ -95,7 +95,7 @@ FileIdentity FileIdentity::of(const char* fileName)
     struct stat status { };
     if (stat(fileName, &status) != 0)
         return {};
-    return { true, std::uint64_t(status.st_dev), std::uint64_t(status.st_ino), std::uint64_t(status.st_size),
+    return { true, S_ISREG(status.st_mode), std::uint64_t(status.st_dev), std::uint64_t(status.st_ino), std::uint64_t(status.st_size),
         std::int64_t(status.st_mtim.tv_sec), std::int64_t(status.st_mtim.tv_nsec) };
 }
 
@@ -121,6 +121,10 @@ std::unique_ptr<MipMapTileLoaderParams> newLoader(
     const char* fileName, const TextureDescription& description, ImgErrorCode& error)
 {
     error = IMGERR_NONE;
+    if (!FileIdentity::of(fileName).mayBeOpened()) {
+        error = IMGERR_READ;
+        return nullptr;
+    }
     if (!description.isExr) {
         DescribedFile file = describeAs(fileName, Format::Tiff);
         if (file.params && !description.isLike(*file.params))

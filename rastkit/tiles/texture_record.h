@@ -15,11 +15,13 @@ struct TextureDescription;
 
 /// A file as the system knows it. Two that are alike have the same contents, unless somebody hides it.
 struct FileIdentity {
-    bool exists = false;
+    bool exists = false, isRegular = false;
     std::uint64_t device = 0, number = 0, size = 0;
     std::int64_t seconds = 0, nanoseconds = 0;
 
     static FileIdentity of(const char* fileName);
+    /// Opening a pipe would wait for its other end, perhaps for ever; devices may do worse.
+    bool mayBeOpened() const { return !exists || isRegular; }
     bool operator==(const FileIdentity&) const = default;
 };
 

@@ -225,19 +225,22 @@ void CacheCore::describe(Lock& lock, TextureRecord& texture)
     FileNeeds needs;
     if (takeFile(lock, FileNeeds::lookBytes)) {
         lock.unlock();
-        needs = FileNeeds::of(texture.fileName.get());
+        // First: a file that changes while it is read is found to have changed later.
+        const FileIdentity identity = FileIdentity::of(texture.fileName.get());
+        if (identity.mayBeOpened())
+            needs = FileNeeds::of(texture.fileName.get());
+        else
+            file.error = IMGERR_OPEN;
         lock.lock();
         giveFile(FileNeeds::lookBytes);
+        texture.identity = identity;
     }
     if (needs.describingBytes != 0 && takeFile(lock, needs.describingBytes)) {
         ++m_counts.opens;
         lock.unlock();
-        // First: a file that changes while it is read is found to have changed later.
-        const FileIdentity identity = FileIdentity::of(texture.fileName.get());
         file = describeFile(texture.fileName.get());
         lock.lock();
         giveFile(needs.describingBytes);
-        texture.identity = identity;
     }
     install(lock, texture, file, needs);
     texture.isDescribing = false;

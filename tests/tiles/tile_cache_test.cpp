@@ -17,6 +17,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <sys/stat.h>
 #include <utility>
 #include <vector>
 
@@ -286,6 +287,30 @@ TEST_F(TileCacheTest, ADamagedTileIsAnErrorEachTimeAndOthersAreNot)
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(cache.statistics().errors, 3u);
     EXPECT_EQ(cache.statistics().tiles, 3u);
+}
+
+// Opening one would wait for its other end.
+TEST_F(TileCacheTest, APipeIsNotOpened)
+{
+    TileCache cache;
+    const std::string name = m_dir / "a.exr";
+    ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+    const Texture texture = cache.open(name.c_str());
+    EXPECT_EQ(texture.error(), IMGERR_OPEN);
+    EXPECT_EQ(cache.open("/dev/zero").error(), IMGERR_OPEN);
+    EXPECT_EQ(cache.statistics().opens, 0u);
+    EXPECT_EQ(cache.findChanges(), 0);
+    for (const bool isExr : { true, false }) {
+        std::filesystem::remove(name);
+        static_cast<void>(isExr ? writeExr("a.exr") : writeTiff("a.exr"));
+        EXPECT_EQ(cache.findChanges(), 1);
+        ASSERT_TRUE(texture);
+        std::filesystem::remove(name);
+        ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+        EXPECT_EQ(codeOf(cache, texture), IMGERR_READ); // Nobody has looked.
+        EXPECT_EQ(cache.findChanges(), 1);
+        EXPECT_EQ(codeOf(cache, texture), IMGERR_OPEN);
+    }
 }
 
 // --- Hits, pins and evictions ----------------------------------------------------------------------------
