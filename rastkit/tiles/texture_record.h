@@ -25,11 +25,14 @@ struct FileIdentity {
     bool operator==(const FileIdentity&) const = default;
 };
 
-/// What a look at the first bytes of a file tells about the memory that it takes to read it.
+/// What a look at the attributes of a file tells about the memory that it takes to read it.
 struct FileNeeds {
     std::uint64_t describingBytes = 0; ///< What is counted while its headers are read.
     std::uint64_t decompressorBytes = 0; ///< Beyond what follows from the tiles.
-    std::uint64_t pixelBytes = 0; ///< Of an OpenEXR file, with the channels that nobody asks for.
+    // Of an OpenEXR file:
+    std::uint64_t headerBytes = 0; ///< What is kept of attributes and channels, beyond the usual ones.
+    std::uint64_t pixelBytes = 0; ///< With the channels that nobody asks for.
+    std::uint64_t buffers = 0; ///< As large as a tile.
 
     static constexpr std::uint64_t lookBytes = 8192; ///< What is counted for the look itself.
     static FileNeeds of(const char* fileName);
