@@ -7,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -175,6 +176,9 @@ private:
     void unreserve(std::uint64_t bytes) { m_bytes -= bytes; }
     bool makeRoom(Lock& lock);
     TileEntry* oldestTile();
+    void enqueue(TileEntry& entry);
+    void dequeue(TileEntry& entry);
+    void park(TileEntry& entry);
     bool evict(TileEntry& entry);
     bool take(std::uint64_t bytes) override;
     void giveBack(std::uint64_t bytes) override;
@@ -232,6 +236,7 @@ private:
     std::atomic<std::uint64_t> m_decodeNanoseconds { 0 };
     std::uint64_t m_descriptionCount = 0;
     std::uint64_t m_queued = 0; ///< How many tiles are in the queue.
+    std::uint64_t m_parked = 0; ///< How many are not, since they are pinned.
     int m_files = 0; ///< Open, being opened or being closed.
     int m_busyFiles = 0; ///< Those that are not idle: one day they are.
     int m_fileWaiters = 0;
@@ -250,7 +255,7 @@ private:
 template <typename Try> bool CacheCore::tryUntilDone(Lock& lock, const Try& attempt)
 {
     Attempt result = Attempt::Pointless;
-    int patience = 32;
+    int patience = 64; // A few milliseconds.
     for (;;) {
         if (m_alone && m_alone != &result) {
             waitForFile(lock);
@@ -267,9 +272,9 @@ template <typename Try> bool CacheCore::tryUntilDone(Lock& lock, const Try& atte
             m_alone = &result;
         if (m_busyFiles != 0) {
             waitForFile(lock);
-        } else if (result == Attempt::NoMemory && patience-- > 0) {
+        } else if (result == Attempt::NoMemory && m_parked != 0 && patience-- > 0) {
             lock.unlock();
-            std::this_thread::yield();
+            std::this_thread::sleep_for(std::chrono::microseconds(patience > 32 ? 0 : 100));
             lock.lock();
         } else {
             break;

@@ -108,9 +108,17 @@ bool CacheCore::prepareEntry(Lock& lock)
 {
     if (!m_table.hasBuckets() && !growTable(lock))
         return false;
-    // Long chains are slow but right: no tile is evicted for shorter ones.
-    if (m_table.isCrowded() && m_maxBytes - m_bytes >= m_table.growthBytes())
+    // Tiles make room, so that chains stay short. Only where all is pinned they may become long: slow but right.
+    if (m_table.isCrowded() && m_table.growthBytes() <= m_maxBytes / 16)
         static_cast<void>(growTable(lock));
+    // Entries are never given back. Those of tiny tiles must not fill the memory of larger ones.
+    if (m_table.entryBytes() >= m_maxBytes / 8)
+        while (!m_table.hasFree()) {
+            TileEntry* const oldest = oldestTile();
+            if (!oldest)
+                break;
+            static_cast<void>(evict(*oldest));
+        }
     return m_table.hasFree() || addEntries(lock) || m_table.hasFree();
 }
 
@@ -166,8 +174,16 @@ void CacheCore::recycle(TileEntry& entry)
 void CacheCore::recycleLocked(TileEntry& entry)
 {
     std::uint64_t expected = TileEntry::doomed;
-    if (entry.state.compare_exchange_strong(expected, 0, std::memory_order_acq_rel))
+    if (entry.state.compare_exchange_strong(expected, 0, std::memory_order_acq_rel)) {
         discard(entry);
+        return;
+    }
+    expected = TileEntry::valid | TileEntry::parked;
+    if (!entry.state.compare_exchange_strong(expected, TileEntry::valid, std::memory_order_acq_rel))
+        return;
+    --m_parked;
+    entry.queuedAt = m_clock.load(std::memory_order_relaxed);
+    enqueue(entry);
 }
 
 /// Frees the tile of an entry that nobody can have any more.
@@ -196,8 +212,7 @@ void CacheCore::forgetTiles(TextureRecord& texture)
         if ((state & TileEntry::loading) != 0)
             entry->isForgotten = true;
         if ((state & TileEntry::valid) != 0) {
-            m_queue.remove(*entry);
-            --m_queued;
+            dequeue(*entry);
             const std::uint64_t before
                 = entry->state.fetch_xor(TileEntry::valid | TileEntry::doomed, std::memory_order_acq_rel);
             if ((before & TileEntry::pinMask) == 0)
@@ -313,8 +328,7 @@ CacheCore::Pinned CacheCore::publish(TileEntry& entry, ImgErrorCode error)
         conditionOf(entry).notify_all();
     if (error == IMGERR_NONE && !entry.isForgotten) {
         entry.queuedAt = entry.lastUse.load(std::memory_order_relaxed);
-        m_queue.append(entry);
-        ++m_queued;
+        enqueue(entry);
         entry.state.fetch_xor(TileEntry::loading | TileEntry::valid, std::memory_order_acq_rel);
         return { &entry };
     }

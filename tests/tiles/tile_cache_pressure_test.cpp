@@ -133,11 +133,11 @@ TEST_F(TileCachePressure, TilesThatNeedMoreThanWasExpectedWaitForIt)
         for (const std::uint64_t kibibytes : { 1100u, 1500u }) {
             TileCache cache(withBytes(kibibytes << 10));
             const Texture texture = cache.open(name.c_str());
-            inThreads(16, [&](int number) {
-                EXPECT_TRUE(loaded.has(
-                    cache.tile(texture, number % 4, number / 4, 0), { number % 4, number / 4, 0 }));
-            });
+            // Pinned as shortly as possible: there is no room for more than one.
+            inThreads(16, [&](int number) { static_cast<void>(cache.tile(texture, number % 4, number / 4, 0)); });
             EXPECT_EQ(cache.statistics().errors, 0u);
+            for (const auto& tile : loaded.tiles)
+                EXPECT_TRUE(loaded.has(cache.tile(texture, tile.tx, tile.ty, 0), tile));
             EXPECT_LE(cache.statistics().peakBytes, kibibytes << 10);
         }
     }
