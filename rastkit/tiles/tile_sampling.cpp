@@ -78,7 +78,7 @@ struct Neighbours {
             --whole;
         weight = float(place - double(whole));
         first = wrappedIndex(whole, size, wrap);
-        second = wrappedIndex(whole + 1, size, wrap);
+        second = weight == 0 ? first : wrappedIndex(whole + 1, size, wrap);
     }
 
     bool areAdjacent() const { return second == first + 1 && first >= 0; }

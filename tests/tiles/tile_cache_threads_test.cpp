@@ -88,6 +88,24 @@ protected:
         return refused;
     }
 
+    /// Replaces a file by another one, takes it away or cuts it short.
+    void change(int i) const
+    {
+        const std::string& name = m_names[std::size_t(i) % m_names.size()];
+        std::error_code ignored;
+        if (i % 5 == 3)
+            std::filesystem::remove(name, ignored);
+        else if (i % 5 == 4 && std::filesystem::exists(name))
+            std::filesystem::resize_file(name, 700, ignored);
+        else {
+            ExrFileFacts facts = m_exr;
+            facts.width = 40 + i;
+            facts.tiles.xSize = i % 2 ? 16 : 32;
+            facts.write(m_dir / "new");
+            std::filesystem::rename(m_dir / "new", name, ignored);
+        }
+    }
+
     static std::uint64_t answers(const TileCacheStatistics& statistics)
     {
         return statistics.hits + statistics.misses + statistics.waits + statistics.errors;
@@ -255,19 +273,7 @@ TEST_F(TileCacheThreads, FilesMayChangeAtAnyTime)
     testing::internal::CaptureStderr();
     std::thread changer([&] {
         for (int i = 0; i < 30; ++i) {
-            const std::string& name = m_names[std::size_t(i) % m_names.size()];
-            std::error_code ignored;
-            if (i % 5 == 3)
-                std::filesystem::remove(name, ignored);
-            else if (i % 5 == 4 && std::filesystem::exists(name))
-                std::filesystem::resize_file(name, 700, ignored);
-            else {
-                ExrFileFacts facts = m_exr;
-                facts.width = 40 + i;
-                facts.tiles.xSize = i % 2 ? 16 : 32;
-                facts.write(m_dir / "new");
-                std::filesystem::rename(m_dir / "new", name, ignored);
-            }
+            change(i);
             EXPECT_GE(cache.findChanges(), 0);
         }
         ended = true;

@@ -127,7 +127,8 @@ protected:
     }
 
     /// Level by level, R is s and G is t at the centre of each pixel, B the level and A 1.
-    std::string writeRamp(int size, int tileSize)
+    /// The pixel (2, 1) of level 0 is `peak` times that.
+    std::string writeRamp(int size, int tileSize, float peak = 1)
     {
         const std::string name = m_dir / "ramp.exr";
         Imf::Header header(size, size);
@@ -144,6 +145,8 @@ protected:
                     pixels.insert(pixels.end(),
                         { (float(x) + 0.5f) / float(width), (float(y) + 0.5f) / float(width), float(level),
                             1 });
+            if (level == 0)
+                pixels[std::size_t(width + 2) * 4] *= peak;
             Imf::FrameBuffer frame;
             const std::size_t pixelBytes = 4 * sizeof(float);
             for (std::size_t i = 0; i < 4; ++i)
@@ -298,6 +301,22 @@ TEST_F(TileSampling, WhatCannotBeHadIsBlackAndAnError)
     std::fill_n(rgba, 4, 5.0f);
     EXPECT_EQ(m_cache.sample(texture, 0.5f, 0.5f, 0, TextureWrap::Clamp, rgba), IMGERR_NONE);
     testing::internal::GetCapturedStderr();
+}
+
+TEST_F(TileSampling, PixelsWithoutWeightDoNotCountAlsoWhenTheyAreInfinite)
+{
+    constexpr float inf = std::numeric_limits<float>::infinity();
+    const Texture texture = m_cache.open(writeRamp(8, 4, inf).c_str());
+    float rgba[4];
+    for (int x = 0; x < 8; ++x)
+        for (int y = 0; y < 8; ++y) {
+            const float s = (float(x) + 0.5f) / 8, t = (float(y) + 0.5f) / 8;
+            ASSERT_EQ(m_cache.sample(texture, s, t, 0, TextureWrap::Clamp, rgba), IMGERR_NONE);
+            EXPECT_EQ(rgba[0], x == 2 && y == 1 ? inf : s) << x << ' ' << y;
+            EXPECT_EQ(rgba[1], t);
+        }
+    ASSERT_EQ(m_cache.sample(texture, 0.3f, 0.2f, 0, TextureWrap::Clamp, rgba), IMGERR_NONE);
+    EXPECT_FALSE(std::isfinite(rgba[0]));
 }
 
 TEST_F(TileSampling, PinsAreGivenBack)
