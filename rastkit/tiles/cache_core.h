@@ -190,8 +190,8 @@ private:
     Attempt tryTakeFile(Lock& lock, std::uint64_t bytes);
     void giveFile(std::uint64_t bytes);
     void waitForFile(Lock& lock);
-    TileLoader* acquireLoader(Lock& lock, const TileEntry& entry, const TextureDescription& description,
-        std::uint64_t tileBytes);
+    TileLoader* acquireLoader(
+        Lock& lock, const TileEntry& entry, const TextureDescription& description, std::uint64_t tileBytes);
     Attempt tryLoader(Lock& lock, TextureRecord& texture, const TextureDescription& description,
         std::uint64_t version, TileLoader*& loader);
     TileLoader* takeIdle(TextureRecord& texture, std::uint64_t version);
@@ -234,7 +234,7 @@ private:
     std::uint64_t m_fixedBytes = 0; ///< Of these: the cache's own, which it has until its end.
     TileCacheStatistics m_counts; ///< Without what HitCounters have.
     std::atomic<std::uint64_t> m_decodeNanoseconds { 0 };
-    std::uint64_t m_descriptionCount = 0;
+    static inline constinit std::atomic<std::uint64_t> s_descriptions { 0 }; ///< Of all caches: no key twice.
     std::uint64_t m_queued = 0; ///< How many tiles are in the queue.
     std::uint64_t m_parked = 0; ///< How many are not, since they are pinned.
     int m_files = 0; ///< Open, being opened or being closed.
@@ -250,8 +250,8 @@ private:
     std::size_t m_nameCount = 0; ///< Chains, not names.
 };
 
-/// Tries until it is done, or will not be: nobody uses a file any more, and who pinned tiles for a moment only
-/// had time to unpin them. Waits for files that others use; all others wait for one that lacks memory.
+/// Tries until it is done, or will not be: nobody uses a file any more, and who pinned tiles for a moment
+/// only had time to unpin them. Waits for files that others use; all others wait for one that lacks memory.
 template <typename Try> bool CacheCore::tryUntilDone(Lock& lock, const Try& attempt)
 {
     Attempt result = Attempt::Pointless;

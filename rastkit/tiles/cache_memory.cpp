@@ -6,7 +6,8 @@ namespace QUtils {
 
 // Tiles stand in a queue in the order in which they were put there. One that was used meanwhile goes to its
 // end again when its turn comes: so a hit only stores a time, and what is evicted is nearly the least
-// recently used. One that is pinned then is parked outside until its last pin is gone. Idle loaders and textures without users compete by the same time.
+// recently used. One that is pinned then is parked outside until its last pin is gone. Idle loaders and
+// textures without users compete by the same time.
 
 bool CacheCore::reserve(Lock& lock, std::uint64_t bytes)
 {

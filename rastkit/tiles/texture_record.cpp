@@ -95,8 +95,9 @@ FileIdentity FileIdentity::of(const char* fileName)
     struct stat status { };
     if (stat(fileName, &status) != 0)
         return {};
-    return { true, S_ISREG(status.st_mode), std::uint64_t(status.st_dev), std::uint64_t(status.st_ino), std::uint64_t(status.st_size),
-        std::int64_t(status.st_mtim.tv_sec), std::int64_t(status.st_mtim.tv_nsec) };
+    return { true, S_ISREG(status.st_mode), std::uint64_t(status.st_dev), std::uint64_t(status.st_ino),
+        std::uint64_t(status.st_size), std::int64_t(status.st_mtim.tv_sec),
+        std::int64_t(status.st_mtim.tv_nsec) };
 }
 
 DescribedFile describeFile(const char* fileName)
@@ -258,8 +259,8 @@ std::uint64_t exrBufferBytes(std::uint64_t pixels, const FileNeeds& needs)
     return needs.buffers * tileBytes * std::uint64_t(std::max(1, 2 * Imf::globalThreadCount()));
 }
 
-/// Walks through the attributes of an OpenEXR file. Of what comes several times, as in several parts, it takes
-/// the sum, or the largest.
+/// Walks through the attributes of an OpenEXR file. Of what comes several times, as in several parts, it
+/// takes the sum, or the largest.
 class ExrHeaderLook {
 public:
     /// `file` stands behind the first four bytes.
@@ -279,8 +280,7 @@ public:
     FileNeeds needs() const
     {
         FileNeeds needs;
-        const bool isDwa
-            = !m_hasCompression || has(Imf::DWAA_COMPRESSION) || has(Imf::DWAB_COMPRESSION);
+        const bool isDwa = !m_hasCompression || has(Imf::DWAA_COMPRESSION) || has(Imf::DWAB_COMPRESSION);
         needs.buffers = isDwa ? dwaBuffers : has(Imf::RLE_COMPRESSION) ? rleBuffers : usualBuffers;
         needs.decompressorBytes = isDwa ? dwaBytes : has(Imf::PIZ_COMPRESSION) ? pizBytes : 0;
         needs.pixelBytes = std::min(mostPixelBytes, m_pixelBytes != 0 ? m_pixelBytes : usualPixelBytes);

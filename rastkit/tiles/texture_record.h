@@ -52,7 +52,7 @@ struct TextureDescription {
         float logSize; ///< The binary logarithm of a pixel's size, 0 that of the whole texture.
     };
 
-    std::uint64_t number = 0; ///< Which one among all of the cache.
+    std::uint64_t number = 0; ///< Which one among those of all caches.
     ImgErrorCode error = IMGERR_NONE;
     bool isExr = false;
     FileNeeds needs;

@@ -266,7 +266,7 @@ void CacheCore::install(Lock& lock, TextureRecord& texture, const DescribedFile&
             made.reset();
         }
     if (made) {
-        made->number = ++m_descriptionCount;
+        made->number = s_descriptions.fetch_add(1, std::memory_order_relaxed) + 1;
         made->older = std::move(texture.descriptions);
         texture.descriptions = std::move(made);
         texture.bytes += bytes;

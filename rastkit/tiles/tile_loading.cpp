@@ -58,6 +58,8 @@ CacheCore::Pinned CacheCore::pinSlowly(TextureRecord& texture, const TextureDesc
 {
     if (stray)
         recycle(*stray);
+    if (texture.cache != this)
+        return failed(IMGERR_OPEN);
     if (!description.hasTile(tx, ty, level))
         return failed(IMGERR_READ);
     const TileKey key = TileKey::of(description.number, tx, ty, level);
@@ -108,7 +110,8 @@ bool CacheCore::prepareEntry(Lock& lock)
 {
     if (!m_table.hasBuckets() && !growTable(lock))
         return false;
-    // Tiles make room, so that chains stay short. Only where all is pinned they may become long: slow but right.
+    // Tiles make room, so that chains stay short. Only where all is pinned they may become long: slow but
+    // right.
     if (m_table.isCrowded() && m_table.growthBytes() <= m_maxBytes / 16)
         static_cast<void>(growTable(lock));
     // Entries are never given back. Those of tiny tiles must not fill the memory of larger ones.

@@ -93,8 +93,8 @@ TEST_F(TileCachePressure, WhatCanNeverFitIsRefusedAtOnce)
     TileCache cache(withBytes(std::uint64_t(2500) << 10));
     const Texture large = cache.open(name.c_str());
     ASSERT_TRUE(large);
-    EXPECT_TRUE(isAnsweredMeanwhile(
-        cache, [&] { EXPECT_EQ(cache.tile(large, 0, 0, 0).error(), IMGERR_MEMORY); }));
+    EXPECT_TRUE(
+        isAnsweredMeanwhile(cache, [&] { EXPECT_EQ(cache.tile(large, 0, 0, 0).error(), IMGERR_MEMORY); }));
     m_exr.tiles.xSize = m_exr.tiles.ySize = 512;
     m_exr.write(m_dir / "large.exr");
     EXPECT_TRUE(isAnsweredMeanwhile(
@@ -134,7 +134,8 @@ TEST_F(TileCachePressure, TilesThatNeedMoreThanWasExpectedWaitForIt)
             TileCache cache(withBytes(kibibytes << 10));
             const Texture texture = cache.open(name.c_str());
             // Pinned as shortly as possible: there is no room for more than one.
-            inThreads(16, [&](int number) { static_cast<void>(cache.tile(texture, number % 4, number / 4, 0)); });
+            inThreads(
+                16, [&](int number) { static_cast<void>(cache.tile(texture, number % 4, number / 4, 0)); });
             EXPECT_EQ(cache.statistics().errors, 0u);
             for (const auto& tile : loaded.tiles)
                 EXPECT_TRUE(loaded.has(cache.tile(texture, tile.tx, tile.ty, 0), tile));
