@@ -37,7 +37,8 @@ public:
     ~Texture();
 
     /// IMGERR_NONE, or why no tile can be had: what LoadEXRHeaderEx or LoadTIFHeaderEx answered;
-    /// IMGERR_FORMAT a file that is no mip-mapped texture; IMGERR_MEMORY.
+    /// IMGERR_FORMAT a file that is no mip-mapped texture; IMGERR_OPEN what is no regular file;
+    /// IMGERR_MEMORY.
     ImgErrorCode error() const;
     explicit operator bool() const { return error() == IMGERR_NONE; }
 
@@ -66,8 +67,9 @@ public:
     ~PinnedTile();
 
     /// IMGERR_NONE; that of the texture; what loadTile answered; IMGERR_READ a tile or level that is not
-    /// there; IMGERR_MEMORY no room within the bound, since all of it is pinned, or refused memory;
-    /// IMGERR_UNSUPPORTED one of several tiles of a TIFF texture that is stored mirrored.
+    /// there, or memory refused to OpenEXR; IMGERR_MEMORY no room within the bound, since all of it is
+    /// pinned, or refused memory; IMGERR_OPEN a texture of another cache; IMGERR_UNSUPPORTED one of several
+    /// tiles of a TIFF texture that is stored mirrored.
     ImgErrorCode error() const { return m_error; }
     explicit operator bool() const { return m_entry != nullptr; }
 

@@ -8,11 +8,13 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace QUtils {
@@ -91,7 +93,8 @@ private:
 ///
 /// One lock guards all that is not atomic. It is never held while a file is opened, read or closed, or a tile
 /// decoded. Whoever waits holds no file and no memory but what is counted for an entry, so that no two wait
-/// for each other.
+/// for each other. One that lacks memory keeps all others from taking files until it has some, so that it is
+/// never passed over for ever.
 class CacheCore : private MemoryGrant {
 public:
     struct Pinned {
@@ -158,6 +161,8 @@ private:
     Pinned load(Lock& lock, TileEntry& entry, const TextureDescription& description, const TilePlace& place);
     ImgErrorCode decode(
         Lock& lock, TileEntry& entry, const TextureDescription& description, const TilePlace& place);
+    TileSink::Outcome decodeWith(Lock& lock, TileLoader& loader, TileEntry& entry, const TilePlace& place,
+        const TileSink::Area& area, TileEncoding encoding);
     ImgErrorCode runLoader(TileLoader& loader, TileEntry& entry, const TilePlace& place, TileSink& sink);
     Pinned publish(TileEntry& entry, ImgErrorCode error);
     void recycle(TileEntry& entry);
@@ -168,9 +173,13 @@ private:
     // Memory (cache_memory.cpp).
     bool reserve(Lock& lock, std::uint64_t bytes);
     bool reserveOrWait(Lock& lock, std::uint64_t bytes);
+    bool mayFit(std::uint64_t bytes) const { return bytes <= m_maxBytes - m_fixedBytes; }
     void unreserve(std::uint64_t bytes) { m_bytes -= bytes; }
     bool makeRoom(Lock& lock);
     TileEntry* oldestTile();
+    void enqueue(TileEntry& entry);
+    void dequeue(TileEntry& entry);
+    void park(TileEntry& entry);
     bool evict(TileEntry& entry);
     bool take(std::uint64_t bytes) override;
     void giveBack(std::uint64_t bytes) override;
@@ -178,14 +187,18 @@ private:
     void freeTile(std::uint8_t* tile, std::size_t bytes) override { m_tileMemory.free(tile, bytes); }
 
     // Open files (loader_pool.cpp).
+    enum class Attempt { Done, NoFile, NoMemory, Pointless };
+    template <typename Try> bool tryUntilDone(Lock& lock, const Try& attempt);
     bool takeFile(Lock& lock, std::uint64_t bytes);
-    bool tryTakeFile(Lock& lock, std::uint64_t bytes);
+    Attempt tryTakeFile(Lock& lock, std::uint64_t bytes);
     void giveFile(std::uint64_t bytes);
     void waitForFile(Lock& lock);
     TileLoader* acquireLoader(
-        Lock& lock, TextureRecord& texture, const TextureDescription& description, std::uint64_t tileBytes);
-    TileLoader* tryLoader(Lock& lock, TextureRecord& texture, const TextureDescription& description);
-    TileLoader* takeIdle(TextureRecord& texture);
+        Lock& lock, const TileEntry& entry, const TextureDescription& description, std::uint64_t tileBytes);
+    Attempt tryLoader(Lock& lock, TextureRecord& texture, const TextureDescription& description,
+        std::uint64_t version, TileLoader*& loader);
+    TileLoader* takeIdle(TextureRecord& texture, std::uint64_t version);
+    void takeIdle(TileLoader& loader);
     void makeIdle(TileLoader& loader);
     void releaseLoader(Lock& lock, TileLoader& loader, bool isGood);
     void closeIdle(Lock& lock, TileLoader& loader);
@@ -223,14 +236,17 @@ private:
     std::array<std::condition_variable, conditionCount> m_loaded;
 
     std::uint64_t m_bytes = 0, m_peakBytes = 0;
+    std::uint64_t m_fixedBytes = 0; ///< Of these: the cache's own, which it has until its end.
     TileCacheStatistics m_counts; ///< Without what HitCounters have.
     std::atomic<std::uint64_t> m_decodeNanoseconds { 0 };
     std::atomic<unsigned> m_closedFiles { 0 };
-    std::uint64_t m_descriptionCount = 0;
+    static inline constinit std::atomic<std::uint64_t> s_descriptions { 0 }; ///< Of all caches: no key twice.
     std::uint64_t m_queued = 0; ///< How many tiles are in the queue.
+    std::uint64_t m_parked = 0; ///< How many are not, since they are pinned.
     int m_files = 0; ///< Open, being opened or being closed.
     int m_busyFiles = 0; ///< Those that are not idle: one day they are.
     int m_fileWaiters = 0;
+    const void* m_alone = nullptr; ///< Who lacks memory: nobody else takes a file before it has an answer.
 
     LinkedList<TileEntry, &TileEntry::older, &TileEntry::newer> m_queue;
     LinkedList<TileLoader, &TileLoader::older, &TileLoader::newer> m_idle;
@@ -239,6 +255,43 @@ private:
     std::unique_ptr<TextureRecord*[]> m_names;
     std::size_t m_nameCount = 0; ///< Chains, not names.
 };
+
+/// Tries until it is done, or will not be: nobody uses a file any more, and who pinned tiles for a moment
+/// only had time to unpin them. Waits for files that others use; all others wait for one that lacks memory.
+template <typename Try> bool CacheCore::tryUntilDone(Lock& lock, const Try& attempt)
+{
+    Attempt result = Attempt::Pointless;
+    int patience = 64; // A few milliseconds.
+    for (;;) {
+        if (m_alone && m_alone != &result) {
+            waitForFile(lock);
+            continue;
+        }
+        result = attempt();
+        if (result == Attempt::Done || result == Attempt::Pointless)
+            break;
+        if (m_alone && m_alone != &result) { // It came while room was made. Perhaps there is a file for it.
+            m_fileFreed.notify_all();
+            continue;
+        }
+        if (result == Attempt::NoMemory)
+            m_alone = &result;
+        if (m_busyFiles != 0) {
+            waitForFile(lock);
+        } else if (result == Attempt::NoMemory && m_parked != 0 && patience-- > 0) {
+            lock.unlock();
+            std::this_thread::sleep_for(std::chrono::microseconds(patience > 32 ? 0 : 100));
+            lock.lock();
+        } else {
+            break;
+        }
+    }
+    if (m_alone == &result) {
+        m_alone = nullptr;
+        m_fileFreed.notify_all();
+    }
+    return result == Attempt::Done;
+}
 
 struct TileCache::State final : CacheCore {
     using CacheCore::CacheCore;

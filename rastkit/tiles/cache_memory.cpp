@@ -6,7 +6,8 @@ namespace QUtils {
 
 // Tiles stand in a queue in the order in which they were put there. One that was used meanwhile goes to its
 // end again when its turn comes: so a hit only stores a time, and what is evicted is nearly the least
-// recently used. Idle loaders and textures without users compete by the same time.
+// recently used. One that is pinned then is parked outside until its last pin is gone. Idle loaders and
+// textures without users compete by the same time.
 
 bool CacheCore::reserve(Lock& lock, std::uint64_t bytes)
 {
@@ -23,12 +24,8 @@ bool CacheCore::reserve(Lock& lock, std::uint64_t bytes)
 /// For those who have no file: waits for what others may give back soon.
 bool CacheCore::reserveOrWait(Lock& lock, std::uint64_t bytes)
 {
-    while (!reserve(lock, bytes)) {
-        if (m_busyFiles == 0 || bytes > m_maxBytes)
-            return false;
-        waitForFile(lock);
-    }
-    return true;
+    return mayFit(bytes)
+        && tryUntilDone(lock, [&] { return reserve(lock, bytes) ? Attempt::Done : Attempt::NoMemory; });
 }
 
 /// Gives up what was not used for longest. False when there is nothing. May leave the lock for a while.
@@ -63,14 +60,46 @@ TileEntry* CacheCore::oldestTile()
     for (std::uint64_t left = m_queued * 2 + 1; left != 0 && m_queue.first; --left) {
         TileEntry& entry = *m_queue.first;
         const std::uint64_t lastUse = entry.lastUse.load(std::memory_order_relaxed);
-        const bool isPinned = (entry.state.load(std::memory_order_relaxed) & TileEntry::pinMask) != 0;
-        if (!isPinned && lastUse <= entry.queuedAt)
+        if ((entry.state.load(std::memory_order_relaxed) & TileEntry::pinMask) != 0) {
+            park(entry);
+            continue;
+        }
+        if (lastUse <= entry.queuedAt)
             return &entry;
         m_queue.remove(entry);
         m_queue.append(entry);
-        entry.queuedAt = isPinned ? m_clock.load(std::memory_order_relaxed) : lastUse;
+        entry.queuedAt = lastUse;
     }
     return nullptr;
+}
+
+void CacheCore::enqueue(TileEntry& entry)
+{
+    m_queue.append(entry);
+    ++m_queued;
+}
+
+/// From where it waits.
+void CacheCore::dequeue(TileEntry& entry)
+{
+    if ((entry.state.load(std::memory_order_relaxed) & TileEntry::parked) != 0) {
+        entry.state.fetch_and(~TileEntry::parked, std::memory_order_relaxed);
+        --m_parked;
+        return;
+    }
+    m_queue.remove(entry);
+    --m_queued;
+}
+
+/// Takes a pinned tile out of the queue, so that nobody looks at it again before it is unpinned.
+void CacheCore::park(TileEntry& entry)
+{
+    m_queue.remove(entry);
+    --m_queued;
+    ++m_parked;
+    const std::uint64_t before = entry.state.fetch_or(TileEntry::parked, std::memory_order_acq_rel);
+    if ((before & TileEntry::pinMask) == 0) // By now.
+        recycleLocked(entry);
 }
 
 /// False when somebody has pinned it by now.
@@ -79,8 +108,7 @@ bool CacheCore::evict(TileEntry& entry)
     std::uint64_t expected = TileEntry::valid;
     if (!entry.state.compare_exchange_strong(expected, 0, std::memory_order_acq_rel))
         return false;
-    m_queue.remove(entry);
-    --m_queued;
+    dequeue(entry);
     m_table.remove(entry);
     ++m_counts.evictions;
     discard(entry);

@@ -11,23 +11,18 @@ namespace QUtils {
 // A file counts as open from the moment on at which a thread is allowed to open it. It is idle, or a thread
 // uses, opens or closes it and needs nothing more that it would have to wait for.
 
-/// Waits until one more file may be opened and there are so many bytes for it. False when that will not come,
-/// since nobody else uses a file now.
+/// Waits until one more file may be opened and there are so many bytes for it. False when that will not come:
+/// nobody else uses a file now.
 bool CacheCore::takeFile(Lock& lock, std::uint64_t bytes)
 {
-    while (!tryTakeFile(lock, bytes)) {
-        if (m_busyFiles == 0)
-            return false;
-        waitForFile(lock);
-    }
-    return true;
+    return mayFit(bytes) && tryUntilDone(lock, [&] { return tryTakeFile(lock, bytes); });
 }
 
-bool CacheCore::tryTakeFile(Lock& lock, std::uint64_t bytes)
+CacheCore::Attempt CacheCore::tryTakeFile(Lock& lock, std::uint64_t bytes)
 {
     while (m_files >= m_maxFiles) {
         if (!m_idle.first)
-            return false;
+            return Attempt::NoFile;
         closeIdle(lock, *m_idle.first);
     }
     ++m_files; // So that no other thread takes it while room is made.
@@ -37,11 +32,11 @@ bool CacheCore::tryTakeFile(Lock& lock, std::uint64_t bytes)
         --m_busyFiles;
         if (m_fileWaiters != 0 && m_busyFiles == 0)
             m_fileFreed.notify_all();
-        return false;
+        return Attempt::NoMemory;
     }
     m_counts.peakOpenFiles = std::max(m_counts.peakOpenFiles, std::uint64_t(m_files));
     m_counts.fileBytes += bytes;
-    return true;
+    return Attempt::Done;
 }
 
 void CacheCore::giveFile(std::uint64_t bytes)
@@ -61,62 +56,78 @@ void CacheCore::waitForFile(Lock& lock)
     --m_fileWaiters;
 }
 
-/// A loader of the texture, with `tileBytes` reserved. Null when all memory is pinned, or refused.
+/// A loader of the tile's texture, with `tileBytes` reserved. Null when all memory is pinned, or refused, or
+/// the tile is forgotten meanwhile.
 TileLoader* CacheCore::acquireLoader(
-    Lock& lock, TextureRecord& texture, const TextureDescription& description, std::uint64_t tileBytes)
+    Lock& lock, const TileEntry& entry, const TextureDescription& description, std::uint64_t tileBytes)
 {
-    for (;;) {
-        TileLoader* const loader = tryLoader(lock, texture, description);
-        if (loader && reserve(lock, tileBytes))
-            return loader;
-        // Nothing is held while others are waited for.
-        if (loader)
+    TextureRecord& texture = *entry.texture;
+    const std::uint64_t version = texture.version; // That of the description, but for what is forgotten.
+    TileLoader* loader = nullptr;
+    const auto attempt = [&] {
+        if (entry.isForgotten)
+            return Attempt::Pointless;
+        const Attempt result = tryLoader(lock, texture, description, version, loader);
+        if (result != Attempt::Done || reserve(lock, tileBytes))
+            return result;
+        // Nothing is held while others are waited for, and nothing old is left for others.
+        if (loader->version == texture.version)
             makeIdle(*loader);
-        if (m_busyFiles == 0) {
-            m_fileFreed.notify_all(); // They may have waited for this one.
-            return nullptr;
-        }
-        waitForFile(lock);
-    }
+        else
+            closeBusy(lock, *loader);
+        return Attempt::NoMemory;
+    };
+    if (!mayFit(description.loaderBytes() + tileBytes))
+        return nullptr;
+    return tryUntilDone(lock, attempt) ? loader : nullptr;
 }
 
-TileLoader* CacheCore::tryLoader(Lock& lock, TextureRecord& texture, const TextureDescription& description)
+CacheCore::Attempt CacheCore::tryLoader(Lock& lock, TextureRecord& texture,
+    const TextureDescription& description, std::uint64_t version, TileLoader*& loader)
 {
-    if (TileLoader* const idle = takeIdle(texture))
-        return idle;
+    loader = takeIdle(texture, version);
+    if (loader)
+        return Attempt::Done;
     if (m_maxLoadersOfTexture > 0 && texture.loaders >= m_maxLoadersOfTexture)
-        return nullptr;
+        return Attempt::NoFile;
     const std::uint64_t bytes = heapBytes(sizeof(TileLoader)) + description.loaderBytes();
     ++texture.loaders; // Keeps others from opening too many while room is made.
-    if (!tryTakeFile(lock, bytes)) {
+    const Attempt result = tryTakeFile(lock, bytes);
+    if (result != Attempt::Done) {
         --texture.loaders;
-        return nullptr;
+        return result;
     }
-    auto* const loader = new (std::nothrow) TileLoader;
+    loader = new (std::nothrow) TileLoader;
     if (!loader) {
         --texture.loaders;
         giveFile(bytes);
-        return nullptr;
+        return Attempt::Pointless;
     }
-    ++m_counts.opens;
     loader->texture = &texture;
     loader->description = &description;
-    loader->version = texture.version;
+    loader->version = version;
     loader->bytes = bytes;
+    return Attempt::Done;
+}
+
+/// One of that version of the file, or null.
+TileLoader* CacheCore::takeIdle(TextureRecord& texture, std::uint64_t version)
+{
+    TileLoader* loader = texture.idle;
+    while (loader && loader->version != version)
+        loader = loader->after;
+    if (loader)
+        takeIdle(*loader);
     return loader;
 }
 
-TileLoader* CacheCore::takeIdle(TextureRecord& texture)
+void CacheCore::takeIdle(TileLoader& loader)
 {
-    TileLoader* const loader = texture.idle;
-    if (!loader)
-        return nullptr;
-    texture.idle = loader->after;
-    if (loader->after)
-        loader->after->before = nullptr;
-    m_idle.remove(*loader);
+    (loader.before ? loader.before->after : loader.texture->idle) = loader.after;
+    if (loader.after)
+        loader.after->before = loader.before;
+    m_idle.remove(loader);
     ++m_busyFiles;
-    return loader;
 }
 
 /// Does not tell those who wait for a file.
@@ -147,12 +158,7 @@ void CacheCore::releaseLoader(Lock& lock, TileLoader& loader, bool isGood)
 /// Leaves the lock for a while.
 void CacheCore::closeIdle(Lock& lock, TileLoader& loader)
 {
-    TextureRecord& texture = *loader.texture;
-    (loader.before ? loader.before->after : texture.idle) = loader.after;
-    if (loader.after)
-        loader.after->before = loader.before;
-    m_idle.remove(loader);
-    ++m_busyFiles;
+    takeIdle(loader);
     closeBusy(lock, loader);
 }
 
@@ -183,8 +189,8 @@ void CacheCore::trimHeap()
 
 void CacheCore::closeAllIdle(Lock& lock, TextureRecord& texture)
 {
-    while (TileLoader* const loader = takeIdle(texture))
-        closeBusy(lock, *loader);
+    while (TileLoader* const loader = texture.idle)
+        closeIdle(lock, *loader);
 }
 
 } // namespace QUtils

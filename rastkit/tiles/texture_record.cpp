@@ -55,13 +55,6 @@ Format formatOfContents(const char* fileName, ImgErrorCode& error)
     return Format::Unknown;
 }
 
-/// Pipes and the like, which to open may wait for ever.
-bool isNoRegularFile(const char* fileName)
-{
-    const FileIdentity identity = FileIdentity::of(fileName);
-    return identity.exists && !identity.isRegular;
-}
-
 bool isTexture(const MipMapTileLoaderParams& params)
 {
     if (!params.isMipmapped || params.numLevels < 1 || params.numLevels >= 1 << TileKey::levelBits
@@ -112,12 +105,6 @@ DescribedFile describeFile(const char* fileName)
 {
     const Format expected = formatOfName(fileName);
     DescribedFile file;
-    if (isNoRegularFile(fileName)) {
-        file.error = expected == Format::Exr ? IMGERR_READ
-            : expected == Format::Tiff       ? IMGERR_OPEN
-                                             : IMGERR_FORMAT;
-        return file;
-    }
     if (expected != Format::Unknown) {
         file = describeAs(fileName, expected);
         if (file.error == IMGERR_NONE || file.error == IMGERR_MEMORY)
@@ -135,9 +122,11 @@ DescribedFile describeFile(const char* fileName)
 std::unique_ptr<MipMapTileLoaderParams> newLoader(
     const char* fileName, const TextureDescription& description, ImgErrorCode& error)
 {
-    error = isNoRegularFile(fileName) ? IMGERR_READ : IMGERR_NONE;
-    if (error != IMGERR_NONE)
+    error = IMGERR_NONE;
+    if (!FileIdentity::of(fileName).mayBeOpened()) {
+        error = IMGERR_READ;
         return nullptr;
+    }
     if (!description.isExr) {
         DescribedFile file = describeAs(fileName, Format::Tiff);
         if (file.params && !description.isLike(*file.params))
@@ -254,79 +243,147 @@ constexpr std::uint64_t exrHandleBytes = std::uint64_t(48) << 10; ///< With its 
 constexpr std::uint64_t tiffHandleBytes = std::uint64_t(96) << 10; ///< And the state of its decompressor.
 constexpr std::uint64_t pizBytes = std::uint64_t(208) << 10; ///< Tables of a code, and of values.
 constexpr std::uint64_t dwaBytes = std::uint64_t(832) << 10;
+/// As large as a tile: one to read into, and those of the compressors. RLE may make it half as large again.
+constexpr std::uint64_t usualBuffers = 3, rleBuffers = 4, dwaBuffers = 4;
+constexpr std::uint64_t headerCopies = 2;
+constexpr std::uint64_t channelBytes = 1024; ///< Of a channel, wherever OpenEXR keeps something of it.
 /// OpenEXR keeps 8 bytes for each tile; libtiff 16, and as many again while it reads them.
 constexpr std::uint64_t tileOffsetBytes = 32;
 
 /// Sizes are cut to what nobody has room for, so that no sum wraps round.
-constexpr std::uint64_t mostPixels = std::uint64_t(1) << 40;
+constexpr std::uint64_t mostPixels = std::uint64_t(1) << 40, mostPixelBytes = std::uint64_t(1) << 20,
+                        mostTileBytes = std::uint64_t(1) << 48;
 
-/// Each buffer of OpenEXR is a tile as stored, and two in the compressor.
-std::uint64_t exrBufferBytes(std::uint64_t tileBytes)
+/// All buffers of OpenEXR, each as large as a tile as stored.
+std::uint64_t exrBufferBytes(std::uint64_t pixels, const FileNeeds& needs)
 {
-    return 3 * tileBytes * std::uint64_t(std::max(1, 2 * Imf::globalThreadCount()));
+    const std::uint64_t tileBytes = std::min(mostTileBytes, std::min(mostPixels, pixels) * needs.pixelBytes);
+    return needs.buffers * tileBytes * std::uint64_t(std::max(1, 2 * Imf::globalThreadCount()));
 }
 
-/// The value of an attribute in the first bytes of an OpenEXR file: of one whose name, type and size are
-/// `start`. Null when it is not there.
-const char* findAttribute(std::string_view bytes, std::string_view start, std::size_t size)
-{
-    const std::size_t found = bytes.find(start);
-    const bool isThere = found != std::string_view::npos && found + start.size() + size <= bytes.size();
-    return isThere ? bytes.data() + found + start.size() : nullptr;
-}
-
-std::uint64_t decompressorBytesOf(std::string_view bytes)
-{
-    using namespace std::string_view_literals;
-    const char* const compression = findAttribute(bytes, "compression\0compression\0\1\0\0\0"sv, 1);
-    if (!compression || *compression == Imf::DWAA_COMPRESSION || *compression == Imf::DWAB_COMPRESSION)
-        return dwaBytes;
-    return *compression == Imf::PIZ_COMPRESSION ? pizBytes : 0;
-}
-
-/// Of all channels: each has a name, its type, and twelve bytes more.
-std::uint64_t pixelBytesOf(std::string_view bytes)
-{
-    using namespace std::string_view_literals;
-    constexpr std::uint64_t usual = 16;
-    constexpr std::size_t channelBytes = 16;
-    constexpr std::string_view start = "channels\0chlist\0"sv;
-    std::size_t at = bytes.find(start);
-    if (at == std::string_view::npos)
-        return usual;
-    std::uint64_t sum = 0;
-    for (at += start.size() + sizeof(std::uint32_t); at < bytes.size() && bytes[at] != 0;) {
-        const std::size_t end = bytes.find('\0', at);
-        if (end == std::string_view::npos || end + 1 + channelBytes > bytes.size())
-            return std::max(sum, usual);
-        sum += bytes[end + 1] == Imf::HALF ? sizeof(std::uint16_t) : sizeof(float);
-        at = end + 1 + channelBytes;
+/// Walks through the attributes of an OpenEXR file. Of what comes several times, as in several parts, it
+/// takes the sum, or the largest.
+class ExrHeaderLook {
+public:
+    /// `file` stands behind the first four bytes.
+    explicit ExrHeaderLook(std::FILE* file) : m_file(file)
+    {
+        constexpr std::uint8_t multiPart = 0x10;
+        std::uint8_t version[4] = {};
+        if (!read(version, sizeof version))
+            return;
+        const bool hasParts = (version[1] & multiPart) != 0;
+        while (readPart() && hasParts) { }
+        m_bytes = std::uint64_t(std::max(std::ftell(m_file), 0L));
     }
-    return sum;
-}
+
+    std::uint64_t tilePixels() const { return m_tilePixels; }
+    /// With the worst of all compressions where there is none.
+    FileNeeds needs() const
+    {
+        FileNeeds needs;
+        const bool isDwa = !m_hasCompression || has(Imf::DWAA_COMPRESSION) || has(Imf::DWAB_COMPRESSION);
+        needs.buffers = isDwa ? dwaBuffers : has(Imf::RLE_COMPRESSION) ? rleBuffers : usualBuffers;
+        needs.decompressorBytes = isDwa ? dwaBytes : has(Imf::PIZ_COMPRESSION) ? pizBytes : 0;
+        needs.pixelBytes = std::min(mostPixelBytes, m_pixelBytes != 0 ? m_pixelBytes : usualPixelBytes);
+        needs.headerBytes = m_bytes * headerCopies + m_channels * channelBytes;
+        return needs;
+    }
+
+private:
+    static constexpr std::uint64_t usualPixelBytes = 16;
+    using Name = std::array<char, 256>;
+
+    bool read(void* to, std::size_t bytes) { return std::fread(to, 1, bytes, m_file) == bytes; }
+    bool has(Imf::Compression compression) const { return m_compressions[std::size_t(compression)]; }
+
+    /// False at the end of the file, or for one that is too long.
+    bool readName(Name& name)
+    {
+        for (char& character : name) {
+            const int read = std::getc(m_file);
+            if (read == EOF)
+                return false;
+            character = char(read);
+            if (read == 0)
+                return true;
+        }
+        return false;
+    }
+
+    /// False for one without attributes, and at the end of the file.
+    bool readPart()
+    {
+        for (int count = 0;; ++count) {
+            Name name, type;
+            std::uint32_t bytes = 0;
+            if (!readName(name))
+                return false;
+            if (name[0] == 0)
+                return count != 0;
+            if (!readName(type) || !read(&bytes, sizeof bytes))
+                return false;
+            const long start = std::ftell(m_file);
+            readValue(name.data());
+            if (start < 0 || std::fseek(m_file, start + long(bytes), SEEK_SET) != 0)
+                return false;
+        }
+    }
+
+    void readValue(const std::string_view name)
+    {
+        if (name == "channels") {
+            readChannels();
+        } else if (name == "compression") {
+            std::uint8_t number = 0;
+            m_hasCompression |= read(&number, 1);
+            m_compressions[std::min(std::size_t(number), m_compressions.size() - 1)] = true;
+        } else if (name == "tiles") {
+            std::uint32_t size[2] = {};
+            if (read(size, sizeof size))
+                m_tilePixels = std::max(m_tilePixels, std::uint64_t(size[0]) * size[1]);
+        }
+    }
+
+    /// Each has a name, its type, and twelve bytes more.
+    void readChannels()
+    {
+        Name name;
+        std::uint8_t value[16];
+        while (readName(name) && name[0] != 0 && read(value, sizeof value)) {
+            m_pixelBytes += value[0] == Imf::HALF ? sizeof(std::uint16_t) : sizeof(float);
+            ++m_channels;
+        }
+    }
+
+    std::FILE* m_file;
+    std::array<bool, Imf::NUM_COMPRESSION_METHODS + 1> m_compressions {};
+    bool m_hasCompression = false;
+    std::uint64_t m_bytes = 0, m_channels = 0, m_pixelBytes = 0, m_tilePixels = 0;
+};
 
 } // namespace
 
 FileNeeds FileNeeds::of(const char* fileName)
 {
     using namespace std::string_view_literals;
-    char start[4096];
-    const FilePtr file(isNoRegularFile(fileName) ? nullptr : my_fopen(fileName, "rb"));
-    if (!file) // Perhaps for want of memory: the worst is taken.
-        return { exrAheadBytes + exrHandleBytes, dwaBytes, 16 };
-    const std::string_view bytes(start, std::fread(start, 1, sizeof start, file));
-    if (bytes.substr(0, 4) != "\x76\x2f\x31\x01"sv)
-        return { tiffAheadBytes + tiffHandleBytes, 0, 0 };
-    FileNeeds needs { exrAheadBytes + exrHandleBytes, decompressorBytesOf(bytes), pixelBytesOf(bytes) };
-    needs.describingBytes += std::min(needs.decompressorBytes, pizBytes); // Others take theirs later.
-    constexpr std::size_t sizeBytes = sizeof(std::uint32_t);
-    if (const char* const tiles = findAttribute(bytes, "tiles\0tiledesc\0\x09\0\0\0"sv, 2 * sizeBytes)) {
-        std::uint32_t width = 0, height = 0;
-        std::memcpy(&width, tiles, sizeBytes);
-        std::memcpy(&height, tiles + sizeBytes, sizeBytes);
-        needs.describingBytes
-            += exrBufferBytes(std::min(mostPixels, std::uint64_t(width) * height) * needs.pixelBytes);
+    char start[4] = {};
+    const FilePtr file(my_fopen(fileName, "rb"));
+    FileNeeds needs;
+    if (!file) { // Perhaps for want of memory: the worst is taken.
+        needs = { exrAheadBytes + exrHandleBytes, dwaBytes, 0, 16, dwaBuffers };
+        return needs;
     }
+    const std::size_t length = std::fread(start, 1, sizeof start, file);
+    if (std::string_view(start, length) != "\x76\x2f\x31\x01"sv) {
+        needs.describingBytes = tiffAheadBytes + tiffHandleBytes;
+        return needs;
+    }
+    const ExrHeaderLook look(file);
+    needs = look.needs();
+    needs.describingBytes = exrAheadBytes + exrHandleBytes + needs.headerBytes
+        + std::min(needs.decompressorBytes, pizBytes) // Others take theirs later.
+        + exrBufferBytes(look.tilePixels(), needs);
     return needs;
 }
 
@@ -337,14 +394,13 @@ std::uint64_t TextureDescription::loaderBytes() const
         tiles += std::min(
             mostPixels, std::uint64_t(levels[i].shape.tilesX) * std::uint64_t(levels[i].shape.tilesY));
     const std::uint64_t pixels = std::min(mostPixels, std::uint64_t(tileWidth) * std::uint64_t(tileHeight));
-    const std::uint64_t stored
-        = pixels * (isExr ? needs.pixelBytes : std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8);
     const std::uint64_t row = std::uint64_t(tileWidth) * 4 * sizeof(float);
     const std::uint64_t all = tiles * tileOffsetBytes + row + needs.decompressorBytes;
-    if (!isExr)
-        return all + tiffAheadBytes + tiffHandleBytes + 2 * stored; // Compressed, and decoded.
+    if (!isExr) // Compressed, and decoded.
+        return all + tiffAheadBytes + tiffHandleBytes
+            + 2 * pixels * std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8;
     const std::uint64_t own = pixels * 4 * (info.bitsPerPixel / info.numChannels > 16 ? 4 : 2);
-    return all + exrAheadBytes + exrHandleBytes + exrBufferBytes(stored) + own;
+    return all + exrAheadBytes + exrHandleBytes + needs.headerBytes + exrBufferBytes(pixels, needs) + own;
 }
 
 } // namespace QUtils

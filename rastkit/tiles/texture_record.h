@@ -20,14 +20,19 @@ struct FileIdentity {
     std::int64_t seconds = 0, nanoseconds = 0;
 
     static FileIdentity of(const char* fileName);
+    /// Opening a pipe would wait for its other end, perhaps for ever; devices may do worse.
+    bool mayBeOpened() const { return !exists || isRegular; }
     bool operator==(const FileIdentity&) const = default;
 };
 
-/// What a look at the first bytes of a file tells about the memory that it takes to read it.
+/// What a look at the attributes of a file tells about the memory that it takes to read it.
 struct FileNeeds {
     std::uint64_t describingBytes = 0; ///< What is counted while its headers are read.
     std::uint64_t decompressorBytes = 0; ///< Beyond what follows from the tiles.
-    std::uint64_t pixelBytes = 0; ///< Of an OpenEXR file, with the channels that nobody asks for.
+    // Of an OpenEXR file:
+    std::uint64_t headerBytes = 0; ///< What is kept of attributes and channels, beyond the usual ones.
+    std::uint64_t pixelBytes = 0; ///< With the channels that nobody asks for.
+    std::uint64_t buffers = 0; ///< As large as a tile.
 
     static constexpr std::uint64_t lookBytes = 8192; ///< What is counted for the look itself.
     static FileNeeds of(const char* fileName);
@@ -47,7 +52,7 @@ struct TextureDescription {
         float logSize; ///< The binary logarithm of a pixel's size, 0 that of the whole texture.
     };
 
-    std::uint64_t number = 0; ///< Which one among all of the cache.
+    std::uint64_t number = 0; ///< Which one among those of all caches.
     ImgErrorCode error = IMGERR_NONE;
     bool isExr = false;
     FileNeeds needs;

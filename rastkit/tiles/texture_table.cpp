@@ -28,7 +28,7 @@ CacheCore::CacheCore(const TileCacheSettings& settings)
     : m_maxBytes(std::min(settings.maxBytes, std::uint64_t(1) << 58)),
       m_maxFiles(std::max(settings.maxOpenFiles, 1)), m_maxLoadersOfTexture(settings.maxLoadersPerFile)
 {
-    m_bytes = m_peakBytes = heapBytes(sizeof *this + alignof(CacheCore));
+    m_bytes = m_peakBytes = m_fixedBytes = heapBytes(sizeof *this + alignof(CacheCore));
 }
 
 CacheCore::~CacheCore()
@@ -146,8 +146,11 @@ bool CacheCore::growNames(Lock& lock)
         head = texture;
     }
     m_names = std::move(names);
-    if (m_nameCount != 0)
+    m_fixedBytes += nameTableBytes(count);
+    if (m_nameCount != 0) {
         unreserve(nameTableBytes(m_nameCount));
+        m_fixedBytes -= nameTableBytes(m_nameCount);
+    }
     m_nameCount = count;
     return true;
 }
@@ -222,19 +225,22 @@ void CacheCore::describe(Lock& lock, TextureRecord& texture)
     FileNeeds needs;
     if (takeFile(lock, FileNeeds::lookBytes)) {
         lock.unlock();
-        needs = FileNeeds::of(texture.fileName.get());
+        // First: a file that changes while it is read is found to have changed later.
+        const FileIdentity identity = FileIdentity::of(texture.fileName.get());
+        if (identity.mayBeOpened())
+            needs = FileNeeds::of(texture.fileName.get());
+        else
+            file.error = IMGERR_OPEN;
         lock.lock();
         giveFile(FileNeeds::lookBytes);
+        texture.identity = identity;
     }
     if (needs.describingBytes != 0 && takeFile(lock, needs.describingBytes)) {
         ++m_counts.opens;
         lock.unlock();
-        // First: a file that changes while it is read is found to have changed later.
-        const FileIdentity identity = FileIdentity::of(texture.fileName.get());
         file = describeFile(texture.fileName.get());
         lock.lock();
         giveFile(needs.describingBytes);
-        texture.identity = identity;
     }
     install(lock, texture, file, needs);
     texture.isDescribing = false;
@@ -260,7 +266,7 @@ void CacheCore::install(Lock& lock, TextureRecord& texture, const DescribedFile&
             made.reset();
         }
     if (made) {
-        made->number = ++m_descriptionCount;
+        made->number = s_descriptions.fetch_add(1, std::memory_order_relaxed) + 1;
         made->older = std::move(texture.descriptions);
         texture.descriptions = std::move(made);
         texture.bytes += bytes;

@@ -63,6 +63,8 @@ CacheCore::Pinned CacheCore::pinSlowly(TextureRecord& texture, const TextureDesc
 {
     if (stray)
         recycle(*stray);
+    if (texture.cache != this)
+        return failed(IMGERR_OPEN);
     if (!description.hasTile(tx, ty, level))
         return failed(IMGERR_READ);
     const TileKey key = TileKey::of(description.number, tx, ty, level);
@@ -113,9 +115,18 @@ bool CacheCore::prepareEntry(Lock& lock)
 {
     if (!m_table.hasBuckets() && !growTable(lock))
         return false;
-    // Long chains are slow but right: no tile is evicted for shorter ones.
-    if (m_table.isCrowded() && m_maxBytes - m_bytes >= m_table.growthBytes())
+    // Tiles make room, so that chains stay short. Only where all is pinned they may become long: slow but
+    // right.
+    if (m_table.isCrowded() && m_table.growthBytes() <= m_maxBytes / 16)
         static_cast<void>(growTable(lock));
+    // Entries are never given back. Those of tiny tiles must not fill the memory of larger ones.
+    if (m_table.entryBytes() >= m_maxBytes / 8)
+        while (!m_table.hasFree()) {
+            TileEntry* const oldest = oldestTile();
+            if (!oldest)
+                break;
+            static_cast<void>(evict(*oldest));
+        }
     return m_table.hasFree() || addEntries(lock) || m_table.hasFree();
 }
 
@@ -124,8 +135,10 @@ bool CacheCore::growTable(Lock& lock)
     const std::uint64_t bytes = m_table.growthBytes();
     if (!(m_table.hasBuckets() ? reserve(lock, bytes) : reserveOrWait(lock, bytes)))
         return false;
-    if (m_table.growthBytes() == bytes && m_table.grow())
+    if (m_table.growthBytes() == bytes && m_table.grow()) {
+        m_fixedBytes += bytes;
         return true;
+    }
     unreserve(bytes); // Refused, or another thread was first.
     return m_table.hasBuckets();
 }
@@ -135,8 +148,10 @@ bool CacheCore::addEntries(Lock& lock)
     const std::uint64_t bytes = TileTable::chunkBytes();
     if (!reserveOrWait(lock, bytes))
         return false;
-    if (m_table.addChunk(*this))
+    if (m_table.addChunk(*this)) {
+        m_fixedBytes += bytes;
         return true;
+    }
     unreserve(bytes);
     return false;
 }
@@ -167,8 +182,16 @@ void CacheCore::recycle(TileEntry& entry)
 void CacheCore::recycleLocked(TileEntry& entry)
 {
     std::uint64_t expected = TileEntry::doomed;
-    if (entry.state.compare_exchange_strong(expected, 0, std::memory_order_acq_rel))
+    if (entry.state.compare_exchange_strong(expected, 0, std::memory_order_acq_rel)) {
         discard(entry);
+        return;
+    }
+    expected = TileEntry::valid | TileEntry::parked;
+    if (!entry.state.compare_exchange_strong(expected, TileEntry::valid, std::memory_order_acq_rel))
+        return;
+    --m_parked;
+    entry.queuedAt = m_clock.load(std::memory_order_relaxed);
+    enqueue(entry);
 }
 
 /// Frees the tile of an entry that nobody can have any more.
@@ -197,8 +220,7 @@ void CacheCore::forgetTiles(TextureRecord& texture)
         if ((state & TileEntry::loading) != 0)
             entry->isForgotten = true;
         if ((state & TileEntry::valid) != 0) {
-            m_queue.remove(*entry);
-            --m_queued;
+            dequeue(*entry);
             const std::uint64_t before
                 = entry->state.fetch_xor(TileEntry::valid | TileEntry::doomed, std::memory_order_acq_rel);
             if ((before & TileEntry::pinMask) == 0)
@@ -206,6 +228,7 @@ void CacheCore::forgetTiles(TextureRecord& texture)
         }
         entry = next;
     }
+    m_fileFreed.notify_all(); // Who waits for a file to decode one of them need not any more.
 }
 
 // --- Decoding --------------------------------------------------------------------------------------------
@@ -221,29 +244,47 @@ CacheCore::Pinned CacheCore::load(
 ImgErrorCode CacheCore::decode(
     Lock& lock, TileEntry& entry, const TextureDescription& description, const TilePlace& place)
 {
-    TextureRecord& texture = *entry.texture;
     const TileSink::Area area = areaOf(description, place);
     if (std::uint64_t(area.width) * std::uint64_t(area.height) > m_maxBytes)
         return IMGERR_MEMORY;
-    const TileEncoding encoding = texture.encoding.load(std::memory_order_relaxed);
-    const std::uint64_t bytes = TileSink::bytesOf(area, encoding);
-    TileLoader* const loader = acquireLoader(lock, texture, description, bytes);
-    if (!loader)
-        return IMGERR_MEMORY;
-    ImgErrorCode error = IMGERR_READ;
-    if (entry.isForgotten) { // While this thread waited: the description is of another file.
-        unreserve(bytes);
-    } else {
-        lock.unlock();
-        {
-            TileSink sink(area, encoding, *this);
-            error = runLoader(*loader, entry, place, sink);
-        }
-        lock.lock();
-        texture.isDoubtful |= !entry.isForgotten && !loader->params && error == IMGERR_READ;
+    TileEncoding encoding = entry.texture->encoding.load(std::memory_order_relaxed);
+    for (;;) {
+        const std::uint64_t bytes = TileSink::bytesOf(area, encoding);
+        TileLoader* const loader = acquireLoader(lock, entry, description, bytes);
+        if (!loader)
+            return IMGERR_MEMORY;
+        TileSink::Outcome outcome { IMGERR_READ, false };
+        if (entry.isForgotten) // While this thread waited: the description is of another file.
+            unreserve(bytes);
+        else
+            outcome = decodeWith(lock, *loader, entry, place, area, encoding);
+        releaseLoader(lock, *loader, outcome.error == IMGERR_NONE || outcome.lackedRoom);
+        if (!outcome.lackedRoom)
+            return outcome.error;
+        encoding = TileEncoding::Float; // Now that nothing is held, others may be waited for.
     }
-    releaseLoader(lock, *loader, error == IMGERR_NONE);
-    return error;
+}
+
+TileSink::Outcome CacheCore::decodeWith(Lock& lock, TileLoader& loader, TileEntry& entry,
+    const TilePlace& place, const TileSink::Area& area, TileEncoding encoding)
+{
+    if (!loader.params)
+        ++m_counts.opens;
+    lock.unlock();
+    TileSink::Outcome outcome;
+    {
+        TileSink sink(area, encoding, *this);
+        outcome.error = runLoader(loader, entry, place, sink);
+        outcome.lackedRoom = sink.lackedRoom();
+    }
+    lock.lock();
+    if (entry.isForgotten)
+        return outcome;
+    TextureRecord& texture = *entry.texture;
+    texture.isDoubtful |= !loader.params && outcome.error == IMGERR_READ;
+    if (outcome.lackedRoom)
+        texture.encoding.store(TileEncoding::Float, std::memory_order_relaxed);
+    return outcome;
 }
 
 ImgErrorCode CacheCore::runLoader(
@@ -295,8 +336,7 @@ CacheCore::Pinned CacheCore::publish(TileEntry& entry, ImgErrorCode error)
         conditionOf(entry).notify_all();
     if (error == IMGERR_NONE && !entry.isForgotten) {
         entry.queuedAt = entry.lastUse.load(std::memory_order_relaxed);
-        m_queue.append(entry);
-        ++m_queued;
+        enqueue(entry);
         entry.state.fetch_xor(TileEntry::loading | TileEntry::valid, std::memory_order_acq_rel);
         return { &entry };
     }

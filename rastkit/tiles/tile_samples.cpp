@@ -108,7 +108,7 @@ std::size_t sampleBytes(TileEncoding encoding)
 TileEncoding firstEncoding(bool isExr, int bitsPerSample)
 {
     if (!isExr)
-        return TileEncoding::Byte255;
+        return bitsPerSample < 32 ? TileEncoding::Byte255 : TileEncoding::Float;
     return bitsPerSample <= 16 ? TileEncoding::Half : TileEncoding::Float;
 }
 

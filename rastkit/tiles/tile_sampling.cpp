@@ -84,13 +84,22 @@ struct Neighbours {
     bool areAdjacent() const { return second == first + 1 && first >= 0; }
 };
 
-/// Two pixels become one. What has no weight does not count, also where it is infinite.
-void blend(const float* first, const float* second, float weight, float* result)
+/// Of what is not finite: nothing comes of a pixel with no weight, or of two infinite ones that are the same.
+float mixOfInfinite(float a, float b, float weight)
 {
-    float blended[4]; // The result may be one of the two.
-    for (int i = 0; i < 4; ++i)
-        blended[i] = first[i] + (second[i] - first[i]) * weight;
-    std::copy_n(weight == 0 ? first : blended, 4, result);
+    if (weight == 0 || a == b)
+        return a;
+    return weight == 1 ? b : a * (1 - weight) + b * weight;
+}
+
+/// Two pixels.
+void mix(const float* a, const float* b, float weight, float* mixed)
+{
+    for (int i = 0; i < 4; ++i) {
+        mixed[i] = a[i] + (b[i] - a[i]) * weight;
+        if (std::isnan(mixed[i])) [[unlikely]]
+            mixed[i] = mixOfInfinite(a[i], b[i], weight);
+    }
 }
 
 std::size_t sampleNumber(const TileEntry& tile, int x, int y)
@@ -111,21 +120,26 @@ public:
     LevelSampler& operator=(const LevelSampler&) = delete;
     ~LevelSampler() { unpin(); }
 
-    ImgErrorCode error() const { return m_error; }
-    bool isOutdated() const { return m_isOutdated; }
+    struct Answer {
+        ImgErrorCode error = IMGERR_NONE;
+        bool isOutdated = false; ///< As in CacheCore::Pinned.
 
-    /// Bilinear; false when a tile cannot be had.
-    bool sample(float s, float t, TextureWrap wrap, float* rgba)
+        bool isGood() const { return error == IMGERR_NONE && !isOutdated; }
+    };
+
+    /// Bilinear.
+    Answer sample(float s, float t, TextureWrap wrap, float* rgba)
     {
         const MipLevel& shape = m_description.levels[m_level].shape;
         const Neighbours x(s, shape.width, wrap), y(t, shape.height, wrap);
         float upper[8], lower[8]; // Two pixels each.
         if (!fetchPair(x, y.first, upper) || !fetchPair(x, y.second, lower))
-            return false;
-        blend(upper, upper + 4, x.weight, upper);
-        blend(lower, lower + 4, x.weight, lower);
-        blend(upper, lower, y.weight, rgba);
-        return true;
+            return m_answer;
+        float top[4], bottom[4];
+        mix(upper, upper + 4, x.weight, top);
+        mix(lower, lower + 4, x.weight, bottom);
+        mix(top, bottom, y.weight, rgba);
+        return {};
     }
 
 private:
@@ -168,8 +182,7 @@ private:
         unpin();
         const CacheCore::Pinned pinned = m_cache.pin(m_texture, m_description, tileX, tileY, m_level);
         m_tile = pinned.entry;
-        m_error = pinned.error;
-        m_isOutdated = pinned.isOutdated;
+        m_answer = { pinned.error, pinned.isOutdated };
         m_tileX = tileX;
         m_tileY = tileY;
         return m_tile != nullptr;
@@ -188,8 +201,7 @@ private:
     const int m_level;
     TileEntry* m_tile = nullptr;
     int m_tileX = 0, m_tileY = 0;
-    ImgErrorCode m_error = IMGERR_NONE;
-    bool m_isOutdated = false;
+    Answer m_answer;
 };
 
 inline namespace RASTKIT_ABI {
@@ -201,13 +213,13 @@ PinnedTile TileCache::tileAt(
     TextureRecord* const record = texture.m_record;
     if (!record || !m_state)
         return { nullptr, texture.error() };
+    s = std::isnan(s) ? 0 : s;
+    t = std::isnan(t) ? 0 : t;
     for (;;) {
         const TextureDescription& description = *record->description.load(std::memory_order_acquire);
-        if (description.error != IMGERR_NONE)
-            return tile(texture, 0, 0, 0);
-        const bool isBlack = wrap == TextureWrap::Black && !(s >= 0 && s <= 1 && t >= 0 && t <= 1)
-            && !std::isnan(s) && !std::isnan(t);
-        if (isBlack)
+        if (description.error != IMGERR_NONE) // Of this description: there may be another by now.
+            return { nullptr, m_state->pin(*record, description, 0, 0, 0).error };
+        if (wrap == TextureWrap::Black && !(s >= 0 && s <= 1 && t >= 0 && t <= 1))
             return { nullptr, IMGERR_NONE };
         const LevelBlend blend = levelsFor(description, width);
         const int level = blend.level + (blend.second > 0.5f ? 1 : 0);
@@ -238,26 +250,25 @@ ImgErrorCode TileCache::sample(
     for (;;) {
         const TextureDescription& description = *record->description.load(std::memory_order_acquire);
         if (description.error != IMGERR_NONE)
-            return tile(texture, 0, 0, 0).error();
-        const LevelBlend levels = levelsFor(description, width);
+            return m_state->pin(*record, description, 0, 0, 0).error;
+        const LevelBlend blend = levelsFor(description, width);
+        const auto sampleLevel = [&](int level, float* values) {
+            // Ends here: no tile stays pinned while one of the other level may have to be decoded.
+            LevelSampler sampler(*m_state, *record, description, level);
+            return sampler.sample(s, t, wrap, values);
+        };
         float fine[4], coarse[4];
-        LevelSampler finer(*m_state, *record, description, levels.level);
-        if (!finer.sample(s, t, wrap, fine)) {
-            if (finer.isOutdated())
-                continue;
-            return finer.error();
-        }
-        if (levels.second == 0) {
+        LevelSampler::Answer answer = sampleLevel(blend.level, fine);
+        if (answer.isGood() && blend.second != 0)
+            answer = sampleLevel(blend.level + 1, coarse);
+        if (answer.isOutdated)
+            continue;
+        if (answer.error != IMGERR_NONE)
+            return answer.error;
+        if (blend.second == 0)
             std::copy_n(fine, 4, rgba);
-            return IMGERR_NONE;
-        }
-        LevelSampler coarser(*m_state, *record, description, levels.level + 1);
-        if (!coarser.sample(s, t, wrap, coarse)) {
-            if (coarser.isOutdated())
-                continue;
-            return coarser.error();
-        }
-        blend(fine, coarse, levels.second, rgba);
+        else
+            mix(fine, coarse, blend.second, rgba);
         return IMGERR_NONE;
     }
 }

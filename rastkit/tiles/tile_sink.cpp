@@ -157,8 +157,10 @@ bool TileSink::recodeBytes(TileEncoding encoding)
 bool TileSink::widen()
 {
     const std::uint64_t bytes = bytesOf(m_area, TileEncoding::Float);
-    if (!m_grant.take(bytes))
+    if (!m_grant.take(bytes)) {
+        m_lackedRoom = true;
         return false;
+    }
     const auto samples = std::size_t(samplesOf(m_area));
     auto* const floats = reinterpret_cast<float*>(m_grant.allocateTile(samples * sizeof(float)));
     if (!floats) {

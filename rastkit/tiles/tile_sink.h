@@ -32,6 +32,11 @@ public:
         int wholeWidth, wholeHeight; ///< What the loader may deliver.
     };
 
+    struct Outcome {
+        ImgErrorCode error = IMGERR_NONE;
+        bool lackedRoom = false; ///< The error is that the grant had none for floats.
+    };
+
     /// Bytes that the memory of a tile counts for.
     static std::uint64_t bytesOf(const Area& area, TileEncoding encoding);
 
@@ -42,6 +47,8 @@ public:
     /// What went wrong: IMGERR_MEMORY; IMGERR_UNSUPPORTED pixels that belong to other tiles, as an
     /// orientation puts them.
     ImgErrorCode error() const { return m_error; }
+    /// Whether the grant had no room for floats: with as much from the beginning the tile can be had.
+    bool lackedRoom() const { return m_lackedRoom; }
     const Area& area() const { return m_area; }
     TileEncoding encoding() const { return m_encoding; }
     /// The tile, to be freed by the grant: rows of `width` times four samples. Null when nothing came.
@@ -72,6 +79,7 @@ private:
     std::uint64_t m_granted;
     std::uint8_t* m_tile = nullptr;
     ImgErrorCode m_error = IMGERR_NONE;
+    bool m_lackedRoom = false;
 };
 
 } // namespace QUtils

@@ -103,6 +103,7 @@ bool TileTable::addChunk(CacheCore& cache)
         return false;
     chunk->older = m_chunks;
     m_chunks = chunk;
+    ++m_chunkCount;
     for (TileEntry& entry : chunk->entries) {
         entry.cache = &cache;
         giveFree(entry);

@@ -44,6 +44,7 @@ struct alignas(64) TileEntry {
     static constexpr std::uint64_t valid = std::uint64_t(1) << 32; ///< Can be had through the table.
     static constexpr std::uint64_t loading = std::uint64_t(1) << 33; ///< Being decoded.
     static constexpr std::uint64_t doomed = std::uint64_t(1) << 34; ///< The last one to unpin recycles it.
+    static constexpr std::uint64_t parked = std::uint64_t(1) << 35; ///< The last one to unpin queues it.
 
     std::atomic<std::uint64_t> state { 0 };
     std::atomic<std::uint64_t> keyTexture { 0 }, keyPlace { 0 };
@@ -75,11 +76,11 @@ struct alignas(64) TileEntry {
     std::uint64_t samples() const { return std::uint64_t(width) * std::uint64_t(height) * 4; }
 
     void pin() { state.fetch_add(1, std::memory_order_acquire); }
-    /// True when the caller has to recycle the entry.
+    /// True when the caller has to recycle the entry, or to put it into the queue again.
     [[nodiscard]] bool unpin()
     {
         const std::uint64_t before_ = state.fetch_sub(1, std::memory_order_acq_rel);
-        return (before_ & pinMask) == 1 && (before_ & doomed) != 0;
+        return (before_ & pinMask) == 1 && (before_ & (doomed | parked)) != 0;
     }
 };
 
@@ -134,6 +135,7 @@ public:
     void giveFree(TileEntry& entry);
 
     static std::uint64_t chunkBytes();
+    std::uint64_t entryBytes() const { return m_chunkCount * chunkBytes(); }
     [[nodiscard]] bool addChunk(CacheCore& cache);
 
     bool isCrowded() const { return !m_newest || m_count >= m_newest->count; }
@@ -177,6 +179,7 @@ private:
     Chunk* m_chunks = nullptr;
     TileEntry* m_free = nullptr;
     std::size_t m_count = 0;
+    std::uint64_t m_chunkCount = 0;
 };
 
 } // namespace QUtils

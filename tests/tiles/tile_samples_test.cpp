@@ -88,7 +88,7 @@ TEST(TileSamples, AttemptsGoToLargerSamplesAndEndWithFloats)
                 EXPECT_GE(sampleBytes(next), sampleBytes(encoding));
                 encoding = next;
             }
-            EXPECT_EQ(steps, !isExr ? 4 : bits == 32 ? 0 : 1);
+            EXPECT_EQ(steps, bits == 32 ? 0 : isExr ? 1 : 4);
         }
 }
 

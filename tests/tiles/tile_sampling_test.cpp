@@ -1,6 +1,7 @@
 #include "rastkit/tiles.h"
 #include "support/cached_tiles.h"
 #include "support/exr_files.h"
+#include "support/in_threads.h"
 #include "support/temp_file.h"
 #include "support/tiff_textures.h"
 
@@ -9,11 +10,15 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -250,6 +255,65 @@ TEST_F(TileSampling, CoordinatesThatAreNoNumbersAreSafe)
     float rgba[4];
     EXPECT_EQ(m_cache.sample(texture, inf, 0.5f, 0, TextureWrap::Black, rgba), IMGERR_NONE);
     EXPECT_EQ(rgba[0] + rgba[3], 0);
+}
+
+TEST_F(TileSampling, NoTileIsAtABlackPlaceWhateverTheOtherCoordinateIs)
+{
+    const Texture texture = m_cache.open(writeExr().c_str());
+    constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+    int x = 0, y = 0;
+    for (const float outside : { -1.0f, 5.0f, -1e-6f, 1.00001f })
+        for (const auto& [s, t] : { std::pair(nan, outside), { outside, nan }, { 0.5f, outside } }) {
+            const PinnedTile tile = m_cache.tileAt(texture, s, t, 0, TextureWrap::Black, &x, &y);
+            EXPECT_FALSE(tile) << s << ' ' << t;
+            EXPECT_EQ(tile.error(), IMGERR_NONE);
+        }
+    EXPECT_TRUE(m_cache.tileAt(texture, nan, 1, 0, TextureWrap::Black, &x, &y));
+}
+
+TEST_F(TileSampling, InfinitePixelsMakeTheirNeighbourhoodInfinite)
+{
+    constexpr float inf = std::numeric_limits<float>::infinity();
+    const Texture texture = m_cache.open(writeRamp(8, 4, inf).c_str());
+    for (int i = -3; i < 4; ++i) { // On both sides of (2, 1).
+        float rgba[4];
+        const float s = (2.5f + float(i) * 0.25f) / 8;
+        ASSERT_EQ(m_cache.sample(texture, s, 1.5f / 8, 0, TextureWrap::Clamp, rgba), IMGERR_NONE);
+        EXPECT_EQ(rgba[0], inf) << i;
+    }
+}
+
+TEST_F(TileSampling, AFileThatComesAndGoesIsAnErrorOrPixels)
+{
+    const std::string name = writeExr(), kept = m_dir / "kept.exr";
+    std::filesystem::rename(name, kept);
+    const Texture texture = m_cache.open(name.c_str());
+    std::atomic<bool> hasEnded = false;
+    testing::internal::CaptureStderr();
+    std::thread changer([&] {
+        for (int i = 0; i < 150; ++i) {
+            std::filesystem::create_hard_link(kept, name);
+            m_cache.findChanges();
+            std::filesystem::remove(name);
+            m_cache.findChanges();
+        }
+        hasEnded = true;
+    });
+    std::atomic<int> empty = 0, misplaced = 0;
+    inThreads(3, [&](int) {
+        while (!hasEnded) {
+            float rgba[4];
+            const ImgErrorCode error = m_cache.sample(texture, 0.5f, 0.5f, 0, TextureWrap::Clamp, rgba);
+            empty += error == IMGERR_NONE && rgba[0] + rgba[1] + rgba[2] + rgba[3] == 0 ? 1 : 0;
+            int x = -1, y = -1;
+            const PinnedTile tile = m_cache.tileAt(texture, 1, 1, 0, TextureWrap::Clamp, &x, &y);
+            misplaced += tile && (x != 36 % 8 || y != 21 % 5) ? 1 : 0;
+        }
+    });
+    changer.join();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(empty, 0);
+    EXPECT_EQ(misplaced, 0);
 }
 
 TEST_F(TileSampling, TileAtFindsThePixel)
