@@ -189,8 +189,14 @@ void CacheCore::trimHeap()
 
 void CacheCore::closeAllIdle(Lock& lock, TextureRecord& texture)
 {
-    while (TileLoader* const loader = texture.idle)
-        closeIdle(lock, *loader);
+    while (TileLoader* const loader = texture.idle) {
+        texture.idle = loader->after;
+        if (loader->after)
+            loader->after->before = nullptr;
+        m_idle.remove(*loader);
+        ++m_busyFiles;
+        closeBusy(lock, *loader);
+    }
 }
 
 } // namespace QUtils

@@ -84,22 +84,40 @@ struct Neighbours {
     bool areAdjacent() const { return second == first + 1 && first >= 0; }
 };
 
-/// Of what is not finite: nothing comes of a pixel with no weight, or of two infinite ones that are the same.
-float mixOfInfinite(float a, float b, float weight)
+float mixed(float a, float b, float weight)
+{
+    return a + (b - a) * weight;
+}
+
+/// Also of what is not finite: a pixel with no weight does not count, and infinity stays what it is.
+float mixedInfinite(float a, float b, float weight)
 {
     if (weight == 0 || a == b)
         return a;
     return weight == 1 ? b : a * (1 - weight) + b * weight;
 }
 
-/// Two pixels.
-void mix(const float* a, const float* b, float weight, float* mixed)
+bool hasNaN(const float* rgba)
 {
-    for (int i = 0; i < 4; ++i) {
-        mixed[i] = a[i] + (b[i] - a[i]) * weight;
-        if (std::isnan(mixed[i])) [[unlikely]]
-            mixed[i] = mixOfInfinite(a[i], b[i], weight);
-    }
+    return std::isnan(rgba[0] + rgba[1] + rgba[2] + rgba[3]);
+}
+
+/// Two pixels.
+void mix(const float* a, const float* b, float weight, float* rgba)
+{
+    for (int i = 0; i < 4; ++i)
+        rgba[i] = mixed(a[i], b[i], weight);
+    if (hasNaN(rgba)) [[unlikely]]
+        for (int i = 0; i < 4; ++i)
+            rgba[i] = mixedInfinite(a[i], b[i], weight);
+}
+
+/// Four pixels, in rows of two.
+template <typename Mixed>
+void mixRows(const float* upper, const float* lower, float x, float y, Mixed mixedOf, float* rgba)
+{
+    for (int i = 0; i < 4; ++i)
+        rgba[i] = mixedOf(mixedOf(upper[i], upper[i + 4], x), mixedOf(lower[i], lower[i + 4], x), y);
 }
 
 std::size_t sampleNumber(const TileEntry& tile, int x, int y)
@@ -135,10 +153,11 @@ public:
         float upper[8], lower[8]; // Two pixels each.
         if (!fetchPair(x, y.first, upper) || !fetchPair(x, y.second, lower))
             return m_answer;
-        float top[4], bottom[4];
-        mix(upper, upper + 4, x.weight, top);
-        mix(lower, lower + 4, x.weight, bottom);
-        mix(top, bottom, y.weight, rgba);
+        mixRows(
+            upper, lower, x.weight, y.weight, [](auto... each) { return mixed(each...); }, rgba);
+        if (hasNaN(rgba)) [[unlikely]]
+            mixRows(
+                upper, lower, x.weight, y.weight, [](auto... each) { return mixedInfinite(each...); }, rgba);
         return {};
     }
 
