@@ -26,7 +26,6 @@ using QUtils::Texture;
 using QUtils::TextureWrap;
 using QUtils::TileCache;
 using QUtils::TileCacheSettings;
-using QUtils::TileCacheStatistics;
 
 TileCacheSettings withBytes(std::uint64_t bytes)
 {
