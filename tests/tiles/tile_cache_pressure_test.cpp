@@ -26,7 +26,6 @@ using QUtils::Texture;
 using QUtils::TextureWrap;
 using QUtils::TileCache;
 using QUtils::TileCacheSettings;
-using QUtils::TileCacheStatistics;
 
 TileCacheSettings withBytes(std::uint64_t bytes)
 {
@@ -233,7 +232,7 @@ TEST_F(TileCacheGenerations, NoTileIsOfAnOlderFileThanTheOneThatWasNoticed)
         std::atomic<int> noticed = 1, errors = 0, old = 0;
         std::atomic<bool> hasEnded = false;
         std::thread changer([&] {
-            for (int generation = 2; generation < 40; ++generation) {
+            for (int generation = 2; generation < 24; ++generation) {
                 write(generation);
                 EXPECT_EQ(cache.findChanges(), 1);
                 noticed = generation;
