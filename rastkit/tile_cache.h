@@ -102,7 +102,7 @@ struct TileCacheSettings {
 };
 
 /// What a cache has done since it was made. Byte counts are of now.
-struct TileCacheStatistics {
+struct RASTKIT_API TileCacheStatistics {
     std::uint64_t hits = 0; ///< Tiles that were there.
     std::uint64_t misses = 0; ///< Tiles that had to be decoded.
     std::uint64_t waits = 0; ///< Tiles that another thread was decoding already.
