@@ -19,7 +19,7 @@ ImgErrorCode checkSettings(const TextureSettings& settings, TextureFormat format
 
 /// One image on its way into a texture file: stored samples go to the rows of tiles, their light through the
 /// pyramid.
-class TextureImage : private MipPyramid::Receiver {
+class TextureImage final : private MipPyramid::Receiver {
 public:
     /// The settings are checked, they and the comment outlive this object; width and height are those of an
     /// image that `fits`. `threads` encode beside the caller's. Throws std::bad_alloc.
