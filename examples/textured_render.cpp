@@ -1,5 +1,8 @@
 // Renders a picture whose textures are many times larger than the memory that it gives them: threads take
-// buckets, and look up what they need in one tile cache. Makes such a set of textures too.
+// buckets, and look up what they need in one tile cache. Makes such a set of textures too:
+//
+//   textured_render textures --make-textures
+//   textured_render textures picture.png --statistics
 
 #include "textured_scene.h"
 
@@ -136,9 +139,13 @@ std::vector<QUtils::Texture> openTextures(QUtils::TileCache& cache, const std::s
         names.push_back(entry.path().string());
     std::sort(names.begin(), names.end());
     std::vector<QUtils::Texture> textures;
-    for (const std::string& name : names)
-        if (QUtils::Texture texture = cache.open(name.c_str()))
+    for (const std::string& name : names) {
+        QUtils::Texture texture = cache.open(name.c_str());
+        if (texture)
             textures.push_back(std::move(texture));
+        else if (texture.error() == IMGERR_MEMORY)
+            throw std::runtime_error("there is too little memory for the textures");
+    }
     if (textures.empty())
         throw std::runtime_error(folder + " has no textures; --make-textures makes some");
     return textures;

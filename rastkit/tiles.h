@@ -51,6 +51,11 @@ protected:
 class EXRTileLoaderParams;
 class TIFTileLoaderParams;
 
+namespace QUtils {
+/// Of how many planes each tile of a described TIFF file is stored; for the library itself.
+unsigned tilePlanesOf(const ::TIFTileLoaderParams& params);
+} // namespace QUtils
+
 /// Describes an OpenEXR file: all fields of IMGINFO as LoadEXRHeader does, tile size, rounding and levels of
 /// a mip-mapped one, and what its attributes minValue, maxValue (float: for R, G and B), minValueVec,
 /// maxValueVec (three floats) say. `isMipmapped` is 0 for scan lines, single levels and ripmaps. Errors:
@@ -100,6 +105,7 @@ public:
 
 private:
     friend ImgError LoadTIFHeaderEx(const char* fileName, TIFTileLoaderParams& params);
+    friend unsigned QUtils::tilePlanesOf(const TIFTileLoaderParams& params);
     struct State;
     std::unique_ptr<State> m_state;
 };

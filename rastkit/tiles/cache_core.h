@@ -280,7 +280,10 @@ template <typename Try> bool CacheCore::tryUntilDone(Lock& lock, const Try& atte
             waitForFile(lock);
         } else if (result == Attempt::NoMemory && m_parked != 0 && patience-- > 0) {
             lock.unlock();
-            std::this_thread::sleep_for(std::chrono::microseconds(patience > 32 ? 0 : 100));
+            if (patience > 32)
+                std::this_thread::yield();
+            else
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
             lock.lock();
         } else {
             break;

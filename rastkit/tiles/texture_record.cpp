@@ -179,6 +179,8 @@ DescriptionPointer TextureDescription::make(
     DescriptionPointer made(new (block) TextureDescription);
     made->isExr = isExr;
     made->needs = needs;
+    if (!isExr)
+        made->needs.planes = tilePlanesOf(static_cast<const TIFTileLoaderParams&>(params));
     made->info = static_cast<const IMGINFO&>(params);
     made->tileWidth = params.tileWidth;
     made->tileHeight = params.tileHeight;
@@ -274,10 +276,18 @@ public:
             return;
         const bool hasParts = (version[1] & multiPart) != 0;
         while (readPart() && hasParts) { }
-        m_bytes = std::uint64_t(std::max(std::ftell(m_file), 0L));
+        m_bytes = position();
+        if (std::fseek(m_file, 0, SEEK_END) == 0)
+            m_fileBytes = position();
     }
 
     std::uint64_t tilePixels() const { return m_tilePixels; }
+    /// Of all levels: twice as many as the largest has, but no more than the file has room for.
+    std::uint64_t tileCount() const
+    {
+        const std::uint64_t mostOfFile = m_fileBytes / sizeof(std::uint64_t);
+        return m_tilePixels == 0 ? 0 : std::min(2 * (m_windowPixels / m_tilePixels) + fewTiles, mostOfFile);
+    }
     /// With the worst of all compressions where there is none.
     FileNeeds needs() const
     {
@@ -292,8 +302,11 @@ public:
 
 private:
     static constexpr std::uint64_t usualPixelBytes = 16;
+    static constexpr std::uint64_t fewTiles = 1024; ///< Rows and columns of them that are not complete.
+    static constexpr int mostAttributes = 65535;
     using Name = std::array<char, 256>;
 
+    std::uint64_t position() const { return std::uint64_t(std::max(std::ftell(m_file), 0L)); }
     bool read(void* to, std::size_t bytes) { return std::fread(to, 1, bytes, m_file) == bytes; }
     bool has(Imf::Compression compression) const { return m_compressions[std::size_t(compression)]; }
 
@@ -321,6 +334,8 @@ private:
                 return false;
             if (name[0] == 0)
                 return count != 0;
+            if (++m_attributes > mostAttributes) // OpenEXR is not let near such a file.
+                return false;
             if (!readName(type) || !read(&bytes, sizeof bytes))
                 return false;
             const long start = std::ftell(m_file);
@@ -342,6 +357,15 @@ private:
             std::uint32_t size[2] = {};
             if (read(size, sizeof size))
                 m_tilePixels = std::max(m_tilePixels, std::uint64_t(size[0]) * size[1]);
+        } else if (name == "dataWindow") {
+            std::int32_t window[4] = {}; // Smallest and greatest x and y.
+            if (!read(window, sizeof window))
+                return;
+            const std::int64_t width = std::int64_t(window[2]) - window[0] + 1,
+                               height = std::int64_t(window[3]) - window[1] + 1;
+            if (width > 0 && height > 0)
+                m_windowPixels = std::max(
+                    m_windowPixels, std::min(mostPixels, std::uint64_t(width) * std::uint64_t(height)));
         }
     }
 
@@ -359,7 +383,9 @@ private:
     std::FILE* m_file;
     std::array<bool, Imf::NUM_COMPRESSION_METHODS + 1> m_compressions {};
     bool m_hasCompression = false;
-    std::uint64_t m_bytes = 0, m_channels = 0, m_pixelBytes = 0, m_tilePixels = 0;
+    std::uint64_t m_bytes = 0, m_channels = 0, m_pixelBytes = 0, m_tilePixels = 0, m_windowPixels = 0,
+                  m_fileBytes = 0;
+    int m_attributes = 0;
 };
 
 } // namespace
@@ -382,6 +408,7 @@ FileNeeds FileNeeds::of(const char* fileName)
     const ExrHeaderLook look(file);
     needs = look.needs();
     needs.describingBytes = exrAheadBytes + exrHandleBytes + needs.headerBytes
+        + look.tileCount() * tileOffsetBytes
         + std::min(needs.decompressorBytes, pizBytes) // Others take theirs later.
         + exrBufferBytes(look.tilePixels(), needs);
     return needs;
@@ -395,10 +422,12 @@ std::uint64_t TextureDescription::loaderBytes() const
             mostPixels, std::uint64_t(levels[i].shape.tilesX) * std::uint64_t(levels[i].shape.tilesY));
     const std::uint64_t pixels = std::min(mostPixels, std::uint64_t(tileWidth) * std::uint64_t(tileHeight));
     const std::uint64_t row = std::uint64_t(tileWidth) * 4 * sizeof(float);
-    const std::uint64_t all = tiles * tileOffsetBytes + row + needs.decompressorBytes;
-    if (!isExr) // Compressed, and decoded.
-        return all + tiffAheadBytes + tiffHandleBytes
-            + 2 * pixels * std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096)) / 8;
+    const std::uint64_t all = tiles * needs.planes * tileOffsetBytes + row + needs.decompressorBytes;
+    if (!isExr) { // Compressed, decoded, and converted to words where libtiff does that.
+        const std::uint64_t pixelBits = std::uint64_t(std::clamp(info.bitsPerPixel, 8, 4096));
+        return all + tiffAheadBytes + tiffHandleBytes + 2 * pixels * pixelBits / 8
+            + pixels * sizeof(std::uint32_t);
+    }
     const std::uint64_t own = pixels * 4 * (info.bitsPerPixel / info.numChannels > 16 ? 4 : 2);
     return all + exrAheadBytes + exrHandleBytes + needs.headerBytes + exrBufferBytes(pixels, needs) + own;
 }

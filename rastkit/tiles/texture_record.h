@@ -33,6 +33,8 @@ struct FileNeeds {
     std::uint64_t headerBytes = 0; ///< What is kept of attributes and channels, beyond the usual ones.
     std::uint64_t pixelBytes = 0; ///< With the channels that nobody asks for.
     std::uint64_t buffers = 0; ///< As large as a tile.
+    // Of a TIFF file:
+    std::uint64_t planes = 1; ///< Of each tile, each with a place of its own.
 
     static constexpr std::uint64_t lookBytes = 8192; ///< What is counted for the look itself.
     static FileNeeds of(const char* fileName);
@@ -84,7 +86,8 @@ struct DescribedFile {
 /// Reads a file's headers: as the format that its name says, else as the one that its first bytes say.
 DescribedFile describeFile(const char* fileName);
 
-/// A loader of a file that was described before. The first tile opens it. Null: refused memory.
+/// A loader of a file that was described before. An OpenEXR file is opened by the first tile. Null, with an
+/// error: refused memory, or a TIFF file that is gone or another.
 std::unique_ptr<MipMapTileLoaderParams> newLoader(
     const char* fileName, const TextureDescription& description, ImgErrorCode& error);
 
@@ -95,9 +98,8 @@ inline namespace RASTKIT_ABI {
 /// A texture that the cache knows by its name.
 struct TextureRecord {
     std::atomic<const TextureDescription*> description { nullptr };
-    std::atomic<std::int64_t> holders {
-        0
-    }; ///< Texture objects; only the lock lets it become 0, or 1 from it.
+    /// Texture objects; only the lock lets it become 0, or 1 from it.
+    std::atomic<std::int64_t> holders { 0 };
     std::atomic<TileEncoding> encoding { TileEncoding::Float }; ///< What tiles are tried in first.
     CacheCore* cache = nullptr; ///< Null: stands for no file.
     std::unique_ptr<char[]> fileName;

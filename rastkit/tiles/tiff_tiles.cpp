@@ -363,8 +363,8 @@ private:
     PixelMemory m_memory, m_row;
     int m_level = -1; ///< The directory that the file is at, when it is known and as it should be.
     TileCoding m_coding; ///< Of the first directory.
-    bool m_isAtCommonCoding
-        = false; ///< Whether the one that the file is at has the same, and as large tiles.
+    /// Whether the directory that the file is at has the same, and as large tiles.
+    bool m_isAtCommonCoding = false;
     TilePlaces m_places[mostLevels];
     PixelMemory m_stored; ///< A tile as it is in the file.
     std::size_t m_storedCapacity = 0;
@@ -380,6 +380,7 @@ struct TIFTileLoaderParams::State {
     std::unique_ptr<QUtils::TiffTiles> tiles; ///< Null where that could not be opened.
     std::unique_ptr<QUtils::TileSize[]> tileSizes; ///< Of each level.
     int levelCount = 0;
+    unsigned planes = 1;
 
     /// Fills the levels from the file's directories. IMGERR_FORMAT when these are no levels of one texture.
     ImgErrorCode readLevels(TIFF* tiff, TIFTileLoaderParams& params);
@@ -472,5 +473,13 @@ ImgError LoadTIFHeaderEx(const char* fileName, TIFTileLoaderParams& params)
     params.isMipmapped = QUtils::isMarkedTexture(file) && TIFFIsTiled(file) ? 1 : 0;
     if (!params.isMipmapped)
         return IMGERR_NONE;
-    return params.m_state ? params.m_state->readLevels(file, params) : IMGERR_FORMAT;
+    if (!params.m_state)
+        return IMGERR_FORMAT;
+    params.m_state->planes = tags.isPlanar() ? std::max(tags.samples, 1u) : 1;
+    return params.m_state->readLevels(file, params);
+}
+
+unsigned QUtils::tilePlanesOf(const TIFTileLoaderParams& params)
+{
+    return params.m_state ? params.m_state->planes : 1;
 }

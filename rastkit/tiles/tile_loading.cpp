@@ -268,7 +268,8 @@ ImgErrorCode CacheCore::decode(
 TileSink::Outcome CacheCore::decodeWith(Lock& lock, TileLoader& loader, TileEntry& entry,
     const TilePlace& place, const TileSink::Area& area, TileEncoding encoding)
 {
-    if (!loader.params)
+    const bool isNew = !loader.params;
+    if (isNew)
         ++m_counts.opens;
     lock.unlock();
     TileSink::Outcome outcome;
@@ -281,7 +282,8 @@ TileSink::Outcome CacheCore::decodeWith(Lock& lock, TileLoader& loader, TileEntr
     if (entry.isForgotten)
         return outcome;
     TextureRecord& texture = *entry.texture;
-    texture.isDoubtful |= !loader.params && outcome.error == IMGERR_READ;
+    // The first tile shows whether the file is as it was described.
+    texture.isDoubtful |= isNew && outcome.error == IMGERR_READ;
     if (outcome.lackedRoom)
         texture.encoding.store(TileEncoding::Float, std::memory_order_relaxed);
     return outcome;

@@ -25,6 +25,13 @@ void providePages(std::uint8_t* memory, std::size_t bytes)
 #endif
 }
 
+/// Gives pages back to the system, which makes them zeros. It does not take locked ones.
+void clear(std::uint8_t* memory, std::size_t bytes)
+{
+    if (madvise(memory, bytes, MADV_DONTNEED) != 0)
+        std::memset(memory, 0, bytes);
+}
+
 } // namespace
 
 std::uint64_t TileMemory::bytesOf(std::uint64_t bytes)
@@ -86,7 +93,7 @@ void TileMemory::free(std::uint8_t* tile, std::size_t bytes)
         std::swap(places.free[places.warmCount++], places.free[places.freeCount - 1]);
         m_warmPages += pages;
     } else {
-        static_cast<void>(madvise(tile, pages * pageBytes, MADV_DONTNEED)); // They are zeros again.
+        clear(tile, pages * pageBytes);
     }
 }
 
@@ -113,7 +120,7 @@ bool TileMemory::coolAnother()
     Places& places = m_places[most];
     if (places.warmCount == 0)
         return false;
-    static_cast<void>(madvise(places.free[--places.warmCount], most * pageBytes, MADV_DONTNEED));
+    clear(places.free[--places.warmCount], most * pageBytes);
     m_warmPages -= most;
     return true;
 }

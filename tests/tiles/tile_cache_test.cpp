@@ -472,13 +472,15 @@ TEST_F(TileCacheBounds, EntriesOfTinyTilesLeaveRoomForLargeOnes)
     EXPECT_EQ(codeOf(cache, large, 1), IMGERR_NONE);
 }
 
+std::int64_t heapInUse()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return std::int64_t(info.uordblks + info.hblkhd);
+}
+
 /// What an open file takes of the heap, in every compression, and with many channels.
 TEST_F(TileCacheTest, NoLessIsCountedThanTheHeapGives)
 {
-    const auto heap = [] {
-        const struct mallinfo2 info = mallinfo2();
-        return std::int64_t(info.uordblks + info.hblkhd);
-    };
     for (int kind = 0; kind <= Imf::NUM_COMPRESSION_METHODS; ++kind) {
         const bool hasLayers = kind == Imf::NUM_COMPRESSION_METHODS;
         m_exr.compression = hasLayers ? Imf::ZIP_COMPRESSION : Imf::Compression(kind);
@@ -495,15 +497,57 @@ TEST_F(TileCacheTest, NoLessIsCountedThanTheHeapGives)
         m_exr.write(name, header);
         for (int round = 0; round < 2; ++round) { // The libraries take something for good in the first one.
             TileCache cache;
-            const std::int64_t before = heap();
+            const std::int64_t before = heapInUse();
             const std::uint64_t counted = cache.statistics().bytes;
             const Texture texture = cache.open(name.c_str());
             ASSERT_EQ(codeOf(cache, texture), IMGERR_NONE);
             ASSERT_EQ(codeOf(cache, texture, 0, 0, 1), IMGERR_NONE);
-            const std::int64_t taken = round == 0 ? 0 : heap() - before;
+            const std::int64_t taken = round == 0 ? 0 : heapInUse() - before;
             EXPECT_LE(taken, std::int64_t(cache.statistics().bytes - counted)) << kind;
         }
     }
+}
+
+TEST_F(TileCacheTest, NoLessIsCountedForTilesInPlanesEither)
+{
+    TiffTexture tiff;
+    tiff.width = tiff.height = 512;
+    tiff.planarConfig = PLANARCONFIG_SEPARATE;
+    tiff.compression = COMPRESSION_PACKBITS;
+    const std::string name = m_dir / "planes.tif";
+    tiff.write(name);
+    for (int round = 0; round < 2; ++round) { // The library takes something for good in the first one.
+        TileCache cache;
+        const std::int64_t before = heapInUse();
+        const std::uint64_t counted = cache.statistics().bytes;
+        const Texture texture = cache.open(name.c_str());
+        for (int level = 0; level < texture.levelCount(); ++level)
+            ASSERT_EQ(codeOf(cache, texture, 0, 0, level), IMGERR_NONE);
+        EXPECT_LE(round == 0 ? 0 : heapInUse() - before, std::int64_t(cache.statistics().bytes - counted));
+        // Three planes of 1024 tiles, and of a third as many in the other levels, with 32 bytes each.
+        EXPECT_GE(cache.statistics().fileBytes, std::uint64_t(352 << 10) + 3 * 1365 * 32);
+    }
+}
+
+TEST_F(TileCacheTest, AFileThatChangedWithoutATraceIsFoundByItsFirstTile)
+{
+    const auto hideTraces = [](const std::string& name) {
+        std::filesystem::resize_file(name, 1 << 20);
+        std::filesystem::last_write_time(name, std::filesystem::file_time_type());
+    };
+    const std::string name = writeExr();
+    hideTraces(name);
+    TileCache cache;
+    const Texture texture = cache.open(name.c_str());
+    ASSERT_TRUE(texture);
+    m_exr.tiles.xSize *= 2;
+    std::filesystem::copy_file(
+        writeExr("other.exr"), name, std::filesystem::copy_options::overwrite_existing);
+    hideTraces(name);
+    EXPECT_EQ(codeOf(cache, texture), IMGERR_READ);
+    EXPECT_EQ(cache.findChanges(), 1);
+    EXPECT_EQ(codeOf(cache, texture), IMGERR_NONE);
+    EXPECT_EQ(cache.findChanges(), 0);
 }
 
 TEST_F(TileCacheBounds, TheBoundHoldsHoweverSmallItIs)
