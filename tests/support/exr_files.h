@@ -32,7 +32,7 @@ struct ExrFileFacts {
     {
         int name = 0;
         for (const char letter : channel)
-            name = name * 5 + letter;
+            name = (name * 5 + letter) % 97;
         return float((name * 7 + x * 3 + y * 11 + level * 5) % 97) / 64;
     }
 
