@@ -15,6 +15,13 @@
 
 namespace testing_support {
 
+/// Whether the test fails for memory that nobody gives back.
+#ifdef RASTKIT_TESTS_FIND_LEAKS
+inline constexpr bool findsLeaks = true;
+#else
+inline constexpr bool findsLeaks = false;
+#endif
+
 /// What the present thread takes while it lives may leak: for libraries that do, under circumstances that a
 /// test makes on purpose.
 class IgnoreLeaks {

@@ -80,8 +80,9 @@ TEST(TextureWriterMemory, RefusedMemoryIsAnErrorAndNotACrash)
 TEST(TextureWriterMemory, RefusedMemoryOnThreadsIsAnErrorToo)
 {
     const TempDir folder;
-    expectErrors(folder / "a.exr", TextureSample::Half, 2, true);
     expectErrors(folder / "a.tif", TextureSample::Byte, 2, true);
+    if (!findsLeaks) // What OpenEXR forgets on the writer's own threads cannot be ignored.
+        expectErrors(folder / "a.exr", TextureSample::Half, 2, true);
 }
 
 } // namespace
